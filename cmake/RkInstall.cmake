@@ -1,0 +1,16 @@
+install(TARGETS routerkit
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/routerkit
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        FILES_MATCHING PATTERN "*.h")
+
+# Daemons run uloop and UCI beside the library, so the .pc file hands out both.
+set(RK_PC_LIBS "-lrouterkit -lubox -luci")
+if(RK_USE_STANDINS)
+  set(RK_PC_NOTE "host stand-ins for libubox and libuci are installed in this prefix")
+else()
+  set(RK_PC_NOTE "built against the installed libubox and libuci")
+endif()
+configure_file(${PROJECT_SOURCE_DIR}/routerkit.pc.in ${PROJECT_BINARY_DIR}/routerkit.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/routerkit.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,29 @@
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+set(RK_NS_RUN ${PROJECT_SOURCE_DIR}/tests/support/rk-ns-run)
+
+# rk_add_gtest(<name> SOURCES <files...> [LIBS <targets...>] [NAMESPACE] [TIMEOUT <s>])
+#
+# Builds a GoogleTest program and registers each of its tests with CTest.
+# NAMESPACE runs every test case in a private mount and network namespace
+# (tests/support/rk-ns-run): /etc, /usr/bin, /tmp and /run are throw-away
+# there, so a test may put fixtures at the system's fixed paths, bring up
+# interfaces and open raw sockets without touching the machine.
+function(rk_add_gtest name)
+  cmake_parse_arguments(T "NAMESPACE" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} rk_testsupport GTest::gtest_main GTest::gmock)
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  set(props TIMEOUT ${T_TIMEOUT})
+  if(T_NAMESPACE)
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR
+      "${RK_NS_RUN};--keep;${PROJECT_BINARY_DIR};--keep;${PROJECT_SOURCE_DIR}")
+    list(APPEND props LABELS namespace)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+                       TEST_PREFIX "${name}."
+                       PROPERTIES ${props})
+endfunction()

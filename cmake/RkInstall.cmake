@@ -11,6 +11,9 @@ if(RK_USE_STANDINS)
 else()
   set(RK_PC_NOTE "built against the installed libubox and libuci")
 endif()
+# The .pc file finds its prefix from where it lies, so an installed tree may move.
+file(RELATIVE_PATH RK_PC_UP "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+string(REGEX REPLACE "/$" "" RK_PC_UP "${RK_PC_UP}")
 configure_file(${PROJECT_SOURCE_DIR}/routerkit.pc.in ${PROJECT_BINARY_DIR}/routerkit.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/routerkit.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

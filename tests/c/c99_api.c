@@ -1,0 +1,60 @@
+/* Built with -std=c99 -pedantic-errors: includes every public header and
+ * calls one function of each family through the shared library. Runs in a
+ * private namespace, so the files it makes are throw-away. */
+#include "rk_all_headers.h"
+
+#include <stdio.h>
+#include <string.h>
+
+static int failures;
+
+static void check(int ok, const char *what) {
+  if (!ok) {
+    fprintf(stderr, "FAILED: %s\n", what);
+    failures++;
+  }
+}
+
+static int on_dns(AsyncDnsContext *context, const char *name, DnsResult *result) {
+  (void)context;
+  (void)name;
+  (void)result;
+  return 0;
+}
+
+int main(void) {
+  char value[32];
+  FILE *f;
+  AsyncDnsContext *dns;
+  uint64_t t0 = GetTickCount();
+
+  /* log */
+  check(log_setLevel(3) == 0, "log_setLevel");
+  check(log_isLevelEnabled(3) == 1 && log_isLevelEnabled(4) == 0, "log_isLevelEnabled");
+
+  /* config */
+  f = fopen("/tmp/c99-version", "w");
+  check(f != NULL, "fopen");
+  if (f) {
+    fputs("firmware_version = 1.2.3\n", f);
+    fclose(f);
+  }
+  memset(value, 0, sizeof value);
+  check(getValueFromFile("/tmp/c99-version", "firmware_version", value, (int)sizeof value) == 5,
+        "getValueFromFile length");
+  check(strcmp(value, "1.2.3") == 0, "getValueFromFile value");
+
+  /* async_dns */
+  check(uloop_init() == 0, "uloop_init");
+  dns = asyncDns_create(on_dns);
+  check(dns != NULL, "asyncDns_create");
+  if (dns) {
+    check(asyncDns_AddServer(dns, "127.0.0.1") == 0, "asyncDns_AddServer");
+    check(asyncLookup(dns, "example.lan") == 0, "asyncLookup");
+    check(asyncDns_destroy(dns) == 0, "asyncDns_destroy");
+  }
+  uloop_done();
+
+  check(GetTickCount() >= t0, "GetTickCount");
+  return failures ? 1 : 0;
+}

@@ -1,0 +1,25 @@
+#!/bin/sh
+# install-test.sh BUILD_DIR SOURCE_DIR
+#
+# Installs the build into a fresh prefix and builds a small daemon against
+# that prefix alone, the way a packager or an SDK user would:
+#   cc app.c $(pkg-config --cflags --libs routerkit)
+# then runs it.
+set -eu
+build=$1 src=$2
+prefix=$(mktemp -d /tmp/rk-prefix.XXXXXX)
+trap 'rm -rf "$prefix"' EXIT
+
+cmake --install "$build" --prefix "$prefix" >/dev/null
+pcdir=$(dirname "$(find "$prefix" -name routerkit.pc | head -n1)")
+[ -n "$pcdir" ] || { echo "routerkit.pc was not installed"; exit 1; }
+for h in log config async_dns; do
+  [ -f "$prefix/include/routerkit/$h.h" ] || { echo "missing include/routerkit/$h.h"; exit 1; }
+done
+
+export PKG_CONFIG_PATH="$pcdir"
+libdir=$(pkg-config --variable=libdir routerkit)
+[ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }
+cc -std=c99 -Wall -Wextra -Werror -o "$prefix/app" "$src/tests/install/app.c" \
+   $(pkg-config --cflags --libs routerkit)
+LD_LIBRARY_PATH="$libdir" "$prefix/app"

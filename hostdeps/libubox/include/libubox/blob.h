@@ -192,7 +192,7 @@ struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned i
 void *blob_nest_start(struct blob_buf *buf, int id);
 void blob_nest_end(struct blob_buf *buf, void *cookie);
 
-/* Sets the raw length (header included) and zeroes the padding. */
+/* Sets the raw length (header included); id and flag stay. */
 void blob_set_raw_len(struct blob_attr *attr, unsigned int len);
 /* Zeroes the bytes between the raw length and the padded length. */
 void blob_fill_pad(struct blob_attr *attr);

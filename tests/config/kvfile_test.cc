@@ -1,0 +1,295 @@
+// Values from key/value files and from the factory tool. The file cases use
+// files in a temp dir; the cases that look at the error log (a socket bound
+// at /dev/log) or install a /usr/bin/factory run in the private namespaces.
+#include <routerkit/config.h>
+
+#include <syslog.h>
+
+#include <optional>
+#include <regex>
+#include <string>
+
+#include "diag_support.h"
+
+namespace {
+
+#define RK_REQUIRE_NAMESPACE()                                                            \
+  do {                                                                                  \
+    if (!rk_test::InTestNamespace())                                                    \
+      GTEST_SKIP() << "writes fixed paths: run through ctest (tests/support/rk-ns-run)"; \
+  } while (0)
+
+constexpr char kFill = '#';
+constexpr int kOutCapacity = 128;
+
+// A caller's buffer, pre-filled so that "not written" can be seen.
+struct Out {
+  Out() { memset(bytes, kFill, sizeof bytes); }
+  bool untouched() const { return std::string(bytes, sizeof bytes) == std::string(sizeof bytes, kFill); }
+  // The string written, if a terminator was written.
+  std::string text() const { return std::string(bytes, strnlen(bytes, sizeof bytes)); }
+  char bytes[kOutCapacity];
+};
+
+class KvTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fds_ = rk_test::OpenDescriptorCount(); }
+  // Every path out of the readers closes what they opened.
+  void TearDown() override { EXPECT_EQ(rk_test::OpenDescriptorCount(), fds_); }
+  int fds_ = 0;
+};
+
+// ---------------------------------------------------------------- files
+
+struct FileCase {
+  const char *what;
+  std::string content;
+  std::string key;
+  int size;
+  int result;
+  std::optional<std::string> out;  // nullopt: the buffer is not written at all
+};
+
+std::string Repeat(char c, size_t n) { return std::string(n, c); }
+
+const FileCase kFileCases[] = {
+    {"plain", "a=1\n", "a", 64, 1, "1"},
+    {"blanks around =", "a = 1\n", "a", 64, 1, "1"},
+    {"colon", "a:1\n", "a", 64, 1, "1"},
+    {"tabs around :, trailing blanks", "a\t:\t1 \t \t\n", "a", 64, 1, "1"},
+    {"CR LF", "a=1\r\n", "a", 64, 1, "1"},
+    {"blanks inside stay", "a=b c  d  \n", "a", 64, 6, "b c  d"},
+    {"second =", "a==x\n", "a", 64, 2, "=x"},
+    {"= then :", "a=:x\n", "a", 64, 2, ":x"},
+    {"separators and tab inside", "a=1:2=3\t4\n", "a", 64, 7, "1:2=3\t4"},
+    {"CR mid-line", "a=x\ry\n", "a", 64, 1, "x"},
+    {"NUL mid-line", std::string("a=x\0y\n", 6), "a", 64, 1, "x"},
+    {"bytes above 0x7F", "a=\xc3\xa9t\xc3\xa9\n", "a", 64, 5, "\xc3\xa9t\xc3\xa9"},
+    {"last line without LF", "b=1\na=last", "a", 64, 4, "last"},
+    {"empty value", "a=\n", "a", 64, 0, ""},
+    {"blank value", "a=   \n", "a", 64, 0, ""},
+    {"empty value, CR LF", "a=\r\n", "a", 64, 0, ""},
+    {"blank value at end of file", "a=   ", "a", 64, 0, ""},
+    {"key not at first byte", "  a=1\n", "a", 64, 0, std::nullopt},
+    {"case matters", "A=1\n", "a", 64, 0, std::nullopt},
+    {"first match wins, even empty", "a=\na=2\n", "a", 64, 0, ""},
+    {"non-matching line is skipped", "a x\na=2\n", "a", 64, 1, "2"},
+    {"longer key", "snmp=1\n", "sn", 64, 0, std::nullopt},
+    {"blank inside the key", "sn mp=1\n", "sn", 64, 0, std::nullopt},
+    {"key alone", "sn\n", "sn", 64, 0, std::nullopt},
+    {"empty file", "", "a", 64, 0, std::nullopt},
+    {"key missing", "b=1\nc=2\n", "a", 64, 0, std::nullopt},
+    {"size 1, found", "a=1\n", "a", 1, 0, ""},
+    {"size 1, missing", "b=1\n", "a", 1, 0, std::nullopt},
+    {"size 2", "a=123\n", "a", 2, 1, "1"},
+    {"cut, then trimmed", "a=ab   cd\n", "a", 5, 2, "ab"},
+    {"long value behind a 2-byte key", "ab=" + Repeat('v', 70) + "\n", "ab", 128, 60, Repeat('v', 60)},
+    {"long value behind a 1-byte key", "a=" + Repeat('v', 70) + "\n", "a", 128, 61, Repeat('v', 61)},
+    {"rest of a long line is a line", Repeat('z', 63) + "sn=tail\n", "sn", 64, 4, "tail"},
+    {"62-byte key: separator ends the piece", Repeat('k', 62) + "=value\n", Repeat('k', 62), 64, 0, ""},
+    {"63-byte key never matches", Repeat('k', 63) + "=value\n", Repeat('k', 63), 64, 0, std::nullopt},
+    {"empty key", "b=1\n=x\n", "", 64, 1, "x"},
+    {"empty key, blanks and colon", "b=1\n \t: y\n", "", 64, 1, "y"},
+};
+
+class FileValueTest : public KvTest {};
+
+TEST_F(FileValueTest, LineFormsAndEdges) {
+  rk_test::TempDir dir;
+  const std::string path = dir / "values";
+  for (const FileCase &c : kFileCases) {
+    SCOPED_TRACE(c.what);
+    rk_test::WriteFile(path, c.content);
+    Out out;
+    EXPECT_EQ(getValueFromFile(path.c_str(), c.key.c_str(), out.bytes, c.size), c.result);
+    if (c.out)
+      EXPECT_EQ(out.text(), *c.out);
+    else
+      EXPECT_TRUE(out.untouched());
+  }
+}
+
+TEST_F(FileValueTest, BadArgumentsAreLoggedAndRefused) {
+  RK_REQUIRE_NAMESPACE();
+  rk_test::SyslogSink sink;
+  ASSERT_TRUE(sink.bound());
+  rk_test::TempDir dir;
+  const std::string path = dir / "values";
+  rk_test::WriteFile(path, "a=1\n");
+
+  struct Case {
+    const char *path;
+    const char *key;
+    bool out;
+    int size;
+  };
+  const Case cases[] = {{nullptr, "a", true, 64}, {path.c_str(), nullptr, true, 64},
+                        {path.c_str(), "a", false, 64}, {path.c_str(), "a", true, 0},
+                        {path.c_str(), "a", true, -1}};
+  for (const Case &c : cases) {
+    Out out;
+    EXPECT_EQ(getValueFromFile(c.path, c.key, c.out ? out.bytes : nullptr, c.size), -1);
+    EXPECT_TRUE(out.untouched());
+    auto msg = sink.Next();
+    ASSERT_TRUE(msg);
+    EXPECT_EQ(msg->priority, LOG_LOCAL0 | LOG_ERR);
+    EXPECT_TRUE(std::regex_match(
+        msg->text, std::regex(R"(\[getValueFromFile:\d+\]getVersionInfoFromFile value is NULL)")))
+        << msg->raw;
+    EXPECT_FALSE(sink.Next());
+  }
+  closelog();  // syslog's own connection is not the reader's to keep
+}
+
+TEST_F(FileValueTest, UnreadableFileIsLoggedAndRefused) {
+  RK_REQUIRE_NAMESPACE();
+  rk_test::SyslogSink sink;
+  ASSERT_TRUE(sink.bound());
+  Out out;
+  EXPECT_EQ(getValueFromFile("/etc/no-such-file", "serial", out.bytes, 64), -1);
+  EXPECT_TRUE(out.untouched());
+  auto msg = sink.Next();
+  ASSERT_TRUE(msg);
+  EXPECT_EQ(msg->priority, LOG_LOCAL0 | LOG_ERR);
+  EXPECT_TRUE(std::regex_match(
+      msg->text,
+      std::regex(R"(\[getValueFromFile:\d+\]open /etc/no-such-file for read key=serial ERROR)")))
+      << msg->raw;
+  closelog();  // syslog's own connection is not the reader's to keep
+}
+
+TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
+  RK_REQUIRE_NAMESPACE();
+  rk_test::WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n");
+  Out out;
+  EXPECT_EQ(getValueFromFile("/etc/version", "firmware_version", out.bytes, 64), 5);
+  EXPECT_EQ(out.text(), "1.2.3");
+}
+
+// ------------------------------------------------------------ the tool
+
+// Installs a /usr/bin/factory that prints `output` and exits with `status`,
+// and records its arguments in /tmp/factory.args.
+void InstallTool(const std::string &output, int status = 0) {
+  rk_test::WriteFile("/tmp/factory.out", output);
+  unlink("/tmp/factory.args");
+  rk_test::WriteFile("/usr/bin/factory",
+                     "#!/bin/sh\n"
+                     "printf '%s' \"$*\" > /tmp/factory.args\n"
+                     "cat /tmp/factory.out\n"
+                     "exit " + std::to_string(status) + "\n",
+                     0755);
+}
+
+struct ToolCase {
+  const char *what;
+  std::string output;
+  int size;
+  int result;
+  std::optional<std::string> out;  // nullopt: the buffer is not written at all
+};
+
+const ToolCase kToolCases[] = {
+    {"value and LF", "sn=ABC\n", 64, 0, "ABC"},
+    {"value without LF", "sn=ABC", 64, 0, "ABC"},
+    {"trailing blanks, tab, CR LF", "sn=ABC  \t\r\n", 64, 0, "ABC"},
+    {"first = of the output, one line only", "junk\nsn=A=B\nnext=1\n", 64, 0, "A=B"},
+    {"a single LF stays", "sn=\n", 64, 0, "\n"},
+    {"trimmed down to index 1", "sn=  \n", 64, 0, " "},
+    {"leading blank kept", "sn= A \n", 64, 0, " A"},
+    {"VT and FF are not trimmed", "sn=A\v\f\n", 64, 0, "A\v\f"},
+    {"= at the very end", "sn=", 64, -1, std::nullopt},
+    {"no =", "nothing to see\n", 64, -1, std::nullopt},
+    {"no output", "", 64, -1, std::nullopt},
+    {"size 1", "sn=ABC\n", 1, 0, ""},
+    {"size 1, no output", "", 1, 0, ""},
+    {"size 5", "sn=ABCDEFGH\n", 5, 0, "ABCD"},
+};
+
+class FactoryTest : public KvTest {
+ protected:
+  void SetUp() override {
+    RK_REQUIRE_NAMESPACE();
+    KvTest::SetUp();
+  }
+  // The tool's own complaints (sh: not found) stay out of the test output.
+  rk_test::StderrCapture err_;
+};
+
+TEST_F(FactoryTest, OutputFormsAndEdges) {
+  for (const ToolCase &c : kToolCases) {
+    SCOPED_TRACE(c.what);
+    InstallTool(c.output);
+    Out out;
+    EXPECT_EQ(getFactoryValue("sn", out.bytes, c.size), c.result);
+    if (c.out)
+      EXPECT_EQ(out.text(), *c.out);
+    else
+      EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show sn");
+  }
+}
+
+TEST_F(FactoryTest, ExitStatusIsNotLookedAt) {
+  InstallTool("sn=X1\n", 3);
+  Out out;
+  EXPECT_EQ(getFactoryValue("sn", out.bytes, 64), 0);
+  EXPECT_EQ(out.text(), "X1");
+
+  InstallTool("", 1);
+  Out failed;
+  EXPECT_EQ(getFactoryValue("sn", failed.bytes, 64), -1);
+  EXPECT_TRUE(failed.untouched());
+}
+
+TEST_F(FactoryTest, MissingToolGivesMinusOne) {
+  unlink("/usr/bin/factory");
+  Out out;
+  EXPECT_EQ(getFactoryValue("sn", out.bytes, 64), -1);
+  EXPECT_TRUE(out.untouched());
+}
+
+TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
+  InstallTool("sn=ABC\n");
+  rk_test::SyslogSink sink;  // and log nothing
+  Out out;
+  EXPECT_EQ(getFactoryValue(nullptr, out.bytes, 64), -1);
+  EXPECT_EQ(getFactoryValue("", out.bytes, 64), -1);
+  EXPECT_EQ(getFactoryValue("sn", nullptr, 64), -1);
+  EXPECT_EQ(getFactoryValue("sn", out.bytes, 0), -1);
+  EXPECT_EQ(getFactoryValue("sn", out.bytes, -5), -1);
+  EXPECT_TRUE(out.untouched());
+  EXPECT_FALSE(rk_test::Exists("/tmp/factory.args"));
+  EXPECT_FALSE(sink.Next());
+}
+
+TEST_F(FactoryTest, LongKeyIsCutWithTheCommandAt255Bytes) {
+  InstallTool("k=v\n");
+  const std::string key(300, 'k');
+  Out out;
+  EXPECT_EQ(getFactoryValue(key.c_str(), out.bytes, 64), 0);
+  const size_t prefix = strlen("/usr/bin/factory show ");
+  EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
+}
+
+TEST_F(FactoryTest, ProvinceCode) {
+  InstallTool("provinceCode=31\n");
+  Out out;
+  EXPECT_EQ(getTheProvinceCode(out.bytes, 64), 0);
+  EXPECT_EQ(out.text(), "31");
+  EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show provinceCode");
+
+  // Every failure leaves an empty string.
+  InstallTool("no value here\n");
+  Out failed;
+  EXPECT_EQ(getTheProvinceCode(failed.bytes, 64), -1);
+  EXPECT_EQ(failed.bytes[0], '\0');
+  EXPECT_EQ(failed.bytes[1], kFill);
+
+  unlink("/usr/bin/factory");
+  Out missing;
+  EXPECT_EQ(getTheProvinceCode(missing.bytes, 64), -1);
+  EXPECT_EQ(missing.bytes[0], '\0');
+}
+
+}  // namespace

@@ -1,0 +1,213 @@
+// The file family on its own: logfile_printf and logfile_vprintf into files
+// of a temp dir. They need no logging state, so these cases run anywhere.
+#include <routerkit/log.h>
+
+#include <stdarg.h>
+#include <sys/syscall.h>
+#include <time.h>
+
+#include <algorithm>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag_support.h"
+
+namespace {
+
+using rk_test::ReadFile;
+
+const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
+constexpr off_t kLimit = 1048576;
+
+// How a daemon wraps the file writer in a printf-like function of its own.
+__attribute__((format(printf, 2, 3))) void daemon_log(const char *path, const char *fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  logfile_vprintf(path, fmt, ap);
+  va_end(ap);
+}
+
+off_t SizeOf(const std::string &path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+class LogFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    fds_ = rk_test::OpenDescriptorCount();
+  }
+  // Every message opens and closes its file: nothing may stay open.
+  void TearDown() override { EXPECT_EQ(rk_test::OpenDescriptorCount(), fds_); }
+
+  std::string Pid() const { return std::to_string(getpid()); }
+
+  rk_test::TempDir dir_;
+  std::string path_ = dir_ / "daemon.log";
+  int fds_ = 0;
+};
+
+TEST_F(LogFileTest, MessageIsStampedWithLocalTimeAndPid) {
+  const mode_t old_mask = umask(0);
+  const time_t before = time(nullptr);
+  daemon_log(path_.c_str(), "value=%d %s\n", 7, "seven");
+  const time_t after = time(nullptr);
+  umask(old_mask);
+
+  const std::string content = ReadFile(path_);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(
+      content, m, std::regex(R"(\[(\d{4})-(\d{2})-(\d{2}) (\d{2}):(\d{2}):(\d{2})\] )" + Pid() +
+                             " value=7 seven\n")))
+      << content;
+  struct tm tm {};
+  tm.tm_year = std::stoi(m[1]) - 1900;
+  tm.tm_mon = std::stoi(m[2]) - 1;
+  tm.tm_mday = std::stoi(m[3]);
+  tm.tm_hour = std::stoi(m[4]);
+  tm.tm_min = std::stoi(m[5]);
+  tm.tm_sec = std::stoi(m[6]);
+  tm.tm_isdst = -1;
+  const time_t stamped = mktime(&tm);
+  EXPECT_LE(before, stamped);
+  EXPECT_LE(stamped, after);
+
+  struct stat st;
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+}
+
+TEST_F(LogFileTest, AppendsAndAddsNoNewline) {
+  rk_test::WriteFile(path_, "old line\n");
+  logfile_printf(path_.c_str(), "first %s", "half");
+  logfile_printf(path_.c_str(), "%s\n", "second");
+  const std::string expected =
+      "old line\n" + std::string(kStamp) + Pid() + " first half" + kStamp + Pid() + " second\n";
+  EXPECT_TRUE(std::regex_match(ReadFile(path_), std::regex(expected))) << ReadFile(path_);
+}
+
+TEST_F(LogFileTest, OtherThreadsAddTheirThreadId) {
+  pid_t tid = 0;
+  std::thread([&] {
+    tid = static_cast<pid_t>(syscall(SYS_gettid));
+    logfile_printf(path_.c_str(), "from a thread\n");
+  }).join();
+  const std::string expected =
+      std::string(kStamp) + Pid() + "\\(" + std::to_string(tid) + "\\) from a thread\n";
+  EXPECT_TRUE(std::regex_match(ReadFile(path_), std::regex(expected))) << ReadFile(path_);
+}
+
+TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
+  struct Case {
+    off_t size;
+    bool starts_over;
+  };
+  for (Case c : {Case{0, false}, Case{kLimit - 1, false}, Case{kLimit, false},
+                 Case{kLimit + 1, true}, Case{4 * kLimit, true}}) {
+    SCOPED_TRACE(c.size);
+    rk_test::WriteFile(path_, "head\n");
+    ASSERT_EQ(truncate(path_.c_str(), c.size), 0);
+    logfile_printf(path_.c_str(), "next\n");
+
+    const std::string content = ReadFile(path_);
+    const std::regex message(std::string(kStamp) + Pid() + " next\n");
+    if (c.starts_over) {
+      EXPECT_TRUE(std::regex_match(content, message)) << content.size();
+    } else {
+      ASSERT_GE(content.size(), static_cast<size_t>(c.size));
+      EXPECT_TRUE(std::regex_match(content.substr(c.size), message));
+      EXPECT_EQ(content.substr(0, std::min<size_t>(5, c.size)), std::string("head\n").substr(0, c.size));
+    }
+  }
+}
+
+TEST_F(LogFileTest, SizeTestSeesTheSymbolicLinkNotItsTarget) {
+  const std::string target = dir_ / "big.log";
+  rk_test::WriteFile(target, "");
+  ASSERT_EQ(truncate(target.c_str(), 2 * kLimit), 0);
+  ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
+
+  logfile_printf(path_.c_str(), "through the link\n");
+  // The link itself is small, so the big target is appended to, not cut.
+  EXPECT_GT(SizeOf(target), 2 * kLimit);
+  EXPECT_NE(ReadFile(target).find("through the link\n"), std::string::npos);
+}
+
+TEST_F(LogFileTest, MissingDirectoryIsReportedAndNotMade) {
+  const std::string path = dir_ / "missing/daemon.log";
+  rk_test::StderrCapture err;
+  logfile_printf(path.c_str(), "lost\n");
+  EXPECT_EQ(err.Stop(), "open " + path + " fail, errno : No such file or directory\n");
+  EXPECT_FALSE(rk_test::Exists(dir_ / "missing"));
+}
+
+TEST_F(LogFileTest, FailedLockLosesTheMessage) {
+  const std::string err_file = dir_ / "stderr";
+  int code = rk_test::RunInChild([&] {
+    if (!freopen(err_file.c_str(), "w", stderr) || !rk_test::FailSyscall(SYS_flock, ENOLCK))
+      return 2;
+    const int before = rk_test::OpenDescriptorCount();
+    logfile_printf(path_.c_str(), "lost\n");
+    return rk_test::OpenDescriptorCount() == before ? 0 : 3;
+  });
+  ASSERT_EQ(code, 0);
+  EXPECT_EQ(ReadFile(err_file), "flock " + path_ + " fail, errno : No locks available\n");
+  EXPECT_EQ(SizeOf(path_), 0);  // opened (and created), nothing written
+}
+
+TEST_F(LogFileTest, WithoutFlockTheMessageIsWrittenUnlocked) {
+  const std::string err_file = dir_ / "stderr";
+  int code = rk_test::RunInChild([&] {
+    if (!freopen(err_file.c_str(), "w", stderr) || !rk_test::FailSyscall(SYS_flock, ENOSYS))
+      return 2;
+    logfile_printf(path_.c_str(), "written anyway\n");
+    return 0;
+  });
+  ASSERT_EQ(code, 0);
+  EXPECT_EQ(ReadFile(err_file), "");
+  EXPECT_TRUE(std::regex_match(ReadFile(path_),
+                               std::regex(std::string(kStamp) + "\\d+ written anyway\n")));
+}
+
+TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {
+  // Threads of this process and a second process: the lock keeps the three
+  // writes of one message together.
+  constexpr int kWriters = 4, kMessages = 150;
+  const std::string pad(200, 'x');
+  auto write_all = [&](int writer) {
+    for (int i = 0; i < kMessages; ++i)
+      logfile_printf(path_.c_str(), "w%d m%d %s\n", writer, i, pad.c_str());
+  };
+  const pid_t other = rk_test::StartChild([&] {
+    write_all(kWriters);
+    return 0;
+  });
+  std::vector<std::thread> threads;
+  for (int w = 0; w < kWriters; ++w) threads.emplace_back(write_all, w);
+  for (auto &t : threads) t.join();
+  ASSERT_EQ(rk_test::WaitChild(other), 0);
+
+  const std::regex line(std::string(kStamp) + R"(\d+(\(\d+\))? (w\d+ m\d+) x{200})");
+  std::set<std::string> seen;
+  std::istringstream in(ReadFile(path_));
+  for (std::string l; std::getline(in, l);) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(l, m, line)) << l;
+    EXPECT_TRUE(seen.insert(m[2]).second) << m[2];
+  }
+  EXPECT_EQ(seen.size(), static_cast<size_t>((kWriters + 1) * kMessages));
+}
+
+TEST_F(LogFileTest, LongMessagesAreNotCut) {
+  const std::string big(100000, 'y');
+  logfile_printf(path_.c_str(), "%s|\n", big.c_str());
+  const std::string content = ReadFile(path_);
+  ASSERT_GT(content.size(), big.size());
+  EXPECT_EQ(content.substr(content.size() - big.size() - 2), big + "|\n");
+}
+
+}  // namespace

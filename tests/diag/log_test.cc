@@ -1,0 +1,304 @@
+// The leveled family and the process's own log file, seen from outside: what
+// reaches syslog (a socket bound at /dev/log), its copy on standard error,
+// /tmp/log and the ".debug" switch in /etc. Every case starts with fresh
+// logging state, in its own process and private namespaces.
+#include <routerkit/log.h>
+
+#include <sys/mount.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+
+#include <cstdint>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diag_support.h"
+
+namespace {
+
+using rk_test::Exists;
+using rk_test::ReadFile;
+using rk_test::SyslogMessage;
+
+using LevelFn = int (*)(const char *, ...);
+
+struct Leveled {
+  const char *name;
+  LevelFn fn;
+  uint32_t threshold;  // emits when the stored level is above this
+  int severity;        // the priority it is sent at
+};
+
+const Leveled kLeveled[] = {
+    {"log_debug", log_debug, 5, LOG_DEBUG}, {"log_trace", log_trace, 4, LOG_NOTICE},
+    {"log_info", log_info, 3, LOG_INFO},    {"log_warn", log_warn, 2, LOG_WARNING},
+    {"log_error", log_error, 1, LOG_ERR},   {"log_fatal", log_fatal, 0, LOG_EMERG},
+};
+
+const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RK_REQUIRE_FRESH_NAMESPACE();
+    ASSERT_TRUE(sink_.bound()) << strerror(errno);
+    name_ = rk_test::OwnName();
+    ASSERT_FALSE(name_.empty());
+  }
+
+  std::string DebugFile() const { return "/etc/" + name_ + ".debug"; }
+  std::string OwnLogFile() const { return "/tmp/log/" + name_ + ".log"; }
+  std::string Pid() const { return std::to_string(getpid()); }
+  // What LOG_PERROR puts on standard error for one message.
+  std::string StderrCopy(const std::string &text) const {
+    return name_ + "[" + Pid() + "]: " + text + "\n";
+  }
+
+  // Everything syslog received since the last look.
+  std::vector<SyslogMessage> Received() {
+    std::vector<SyslogMessage> all;
+    while (auto m = sink_.Next()) all.push_back(*m);
+    return all;
+  }
+
+  // Expects exactly one message since the last look, from this process's own
+  // syslog set-up (facility LOCAL0, ident = the executable's name).
+  void ExpectOne(int severity, const std::string &text, const std::string &ident) {
+    auto got = Received();
+    ASSERT_EQ(got.size(), 1u) << (got.empty() ? "nothing" : got[0].raw);
+    EXPECT_EQ(got[0].priority, LOG_LOCAL0 | severity) << got[0].raw;
+    EXPECT_EQ(got[0].ident, ident) << got[0].raw;
+    EXPECT_EQ(got[0].text, text) << got[0].raw;
+  }
+  void ExpectOne(int severity, const std::string &text) { ExpectOne(severity, text, name_); }
+
+  rk_test::SyslogSink sink_;
+  std::string name_;
+};
+
+TEST_F(LogTest, QuietCallsAtTheInitialLevelSetNothingUp) {
+  // Even with the switch file there, a call below the level neither probes
+  // it nor opens syslog nor makes the log directory.
+  rk_test::WriteFile(DebugFile(), "");
+  EXPECT_EQ(log_debug("debug %d", 1), 0);
+  EXPECT_EQ(log_trace("trace %d", 2), 0);
+
+  EXPECT_TRUE(Received().empty());
+  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_EQ(log_isLevelEnabled(4), 1);
+  EXPECT_EQ(log_isLevelEnabled(5), 0);
+  EXPECT_EQ(log_isLevelEnabled(6), 0);
+}
+
+TEST_F(LogTest, FirstPassingCallSetsUpSyslogAndTheLogDirectory) {
+  rk_test::StderrCapture err;
+  EXPECT_EQ(log_info("hello %s %d", "world", 1), 0);
+  ExpectOne(LOG_INFO, "hello world 1");
+  EXPECT_EQ(err.Stop(), "");  // no copy on stderr at the initial level
+
+  struct stat st;
+  ASSERT_EQ(stat("/tmp/log", &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  // The file itself waits for the first file message.
+  EXPECT_FALSE(Exists(OwnLogFile()));
+}
+
+TEST_F(LogTest, DebugFileRaisesTheLevelAtSetUpAndCopiesToStderr) {
+  rk_test::WriteFile(DebugFile(), "content is never read");
+  rk_test::StderrCapture err;
+
+  log_debug("first");  // tested against the level before set-up: dropped
+  EXPECT_TRUE(Received().empty());
+  EXPECT_EQ(log_isLevelEnabled(6), 0);
+
+  log_info("second");
+  ExpectOne(LOG_INFO, "second");
+  EXPECT_EQ(log_isLevelEnabled(6), 1);
+
+  log_debug("third");
+  ExpectOne(LOG_DEBUG, "third");
+  EXPECT_EQ(err.Stop(), StderrCopy("second") + StderrCopy("third"));
+}
+
+TEST_F(LogTest, EachFunctionHasItsOwnPriority) {
+  ASSERT_EQ(log_setLevel(100), 0);
+  for (const Leveled &l : kLeveled) {
+    SCOPED_TRACE(l.name);
+    EXPECT_EQ(l.fn("%s says %d", l.name, 42), 0);  // log_fatal returns, too
+    ExpectOne(l.severity, std::string(l.name) + " says 42");
+  }
+}
+
+TEST_F(LogTest, StoredLevelDecidesWhoEmits) {
+  const uint32_t levels[] = {0, 1, 2, 3, 4, 5, 6, 7, 100, UINT32_MAX};
+  for (uint32_t level : levels) {
+    ASSERT_EQ(log_setLevel(level), 0);
+    for (const Leveled &l : kLeveled) {
+      SCOPED_TRACE(std::string(l.name) + " at level " + std::to_string(level));
+      l.fn("x");
+      EXPECT_EQ(Received().size(), level > l.threshold ? 1u : 0u);
+    }
+    // Compared unsigned: the largest value is not -1, it enables everything.
+    for (uint32_t asked : {0u, 1u, 4u, 5u, 6u, 7u, 100u, UINT32_MAX})
+      EXPECT_EQ(log_isLevelEnabled(asked), level >= asked ? 1 : 0) << level << " vs " << asked;
+  }
+}
+
+TEST_F(LogTest, NullFormatReturnsZeroWithoutSetUp) {
+  for (const Leveled &l : kLeveled) EXPECT_EQ(l.fn(nullptr), 0) << l.name;
+  EXPECT_TRUE(Received().empty());
+  EXPECT_FALSE(Exists("/tmp/log"));
+}
+
+TEST_F(LogTest, SetLevelAsFirstCallKeepsSyslogOffStderr) {
+  rk_test::StderrCapture err;
+  ASSERT_EQ(log_setLevel(6), 0);
+  EXPECT_TRUE(Exists("/tmp/log"));  // set-up ran, at level 4
+  log_debug("debug goes to syslog only");
+  ExpectOne(LOG_DEBUG, "debug goes to syslog only");
+  EXPECT_EQ(err.Stop(), "");
+}
+
+TEST_F(LogTest, DebugFileThenLowerLevelKeepsTheStderrCopy) {
+  rk_test::WriteFile(DebugFile(), "");
+  rk_test::StderrCapture err;
+  ASSERT_EQ(log_setLevel(3), 0);
+  EXPECT_EQ(log_isLevelEnabled(4), 0);  // the caller's level overrules the file
+
+  log_info("dropped");
+  EXPECT_TRUE(Received().empty());
+  log_error("kept");
+  ExpectOne(LOG_ERR, "kept");
+  EXPECT_EQ(err.Stop(), StderrCopy("kept"));
+}
+
+TEST_F(LogTest, IsLevelEnabledDoesNotSetUp) {
+  rk_test::WriteFile(DebugFile(), "");
+  EXPECT_EQ(log_isLevelEnabled(0), 1);
+  EXPECT_EQ(log_isLevelEnabled(4), 1);
+  EXPECT_EQ(log_isLevelEnabled(5), 0);
+  EXPECT_EQ(log_isLevelEnabled(6), 0);
+  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_TRUE(Received().empty());
+}
+
+TEST_F(LogTest, SetNameStoresAtMost63BytesAndRefusesNull) {
+  log_info("set up");
+  ExpectOne(LOG_INFO, "set up");
+
+  // Syslog keeps using the stored name as its ident, so the name shows there.
+  const std::string cut(63, 'n');
+  EXPECT_EQ(log_setName(std::string(70, 'n').c_str()), 0);
+  log_info("long");
+  ExpectOne(LOG_INFO, "long", cut);
+
+  EXPECT_EQ(log_setName(nullptr), -1);
+  log_info("unchanged");
+  ExpectOne(LOG_INFO, "unchanged", cut);
+}
+
+TEST_F(LogTest, NameSetFirstKeepsSetUpAway) {
+  ASSERT_EQ(log_setName("early"), 0);
+  log_info("still reaches syslog");
+  auto got = Received();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].text, "still reaches syslog");
+  // Nobody called openlog: the C library's own default facility, not LOCAL0.
+  EXPECT_NE(got[0].priority & LOG_FACMASK, LOG_LOCAL0) << got[0].raw;
+
+  ASSERT_EQ(log_setLevel(6), 0);  // no set-up here either
+  rk_test::StderrCapture err;
+  log_printf_to_flash("lost %d\n", 1);  // there is no log file path
+  EXPECT_TRUE(std::regex_match(err.Stop(), std::regex("open .* fail, errno : .+\n")));
+  EXPECT_FALSE(Exists("/tmp/log"));
+}
+
+TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
+  log_info("first");
+  ExpectOne(LOG_INFO, "first");
+
+  // A new name changes the ident only; the file keeps the old name.
+  ASSERT_EQ(log_setName("renamed"), 0);
+  log_info("second");
+  ExpectOne(LOG_INFO, "second", "renamed");
+  log_printf_to_flash("to the old file\n");
+  EXPECT_NE(ReadFile(OwnLogFile()).find("to the old file\n"), std::string::npos);
+  EXPECT_FALSE(Exists("/tmp/log/renamed.log"));
+
+  // An empty name means "not set up": the next call takes the executable's
+  // name again and remakes the directory.
+  ASSERT_EQ(unlink(OwnLogFile().c_str()), 0);
+  ASSERT_EQ(rmdir("/tmp/log"), 0);
+  ASSERT_EQ(log_setName(""), 0);
+  log_info("third");
+  ExpectOne(LOG_INFO, "third");
+  EXPECT_TRUE(Exists("/tmp/log"));
+  log_printf_to_flash("after %s\n", "restart");
+  EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()),
+                               std::regex(std::string(kStamp) + Pid() + " after restart\n")));
+}
+
+TEST_F(LogTest, UnreadableExecutableLinkLeavesTheNameEmptyUntilItWorks) {
+  // Hide /proc/self/exe for a while (this mount namespace is the test's own).
+  ASSERT_EQ(mount("rk-noproc", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno);
+  rk_test::WriteFile("/etc/.debug", "");  // the probe runs with the empty name
+  rk_test::StderrCapture err;
+
+  log_info("nameless");
+  ExpectOne(LOG_INFO, "nameless", "");
+  EXPECT_EQ(log_isLevelEnabled(6), 1);
+  log_printf_to_flash("into .log\n");
+  EXPECT_NE(ReadFile("/tmp/log/.log").find("into .log\n"), std::string::npos);
+
+  ASSERT_EQ(umount("/proc"), 0) << strerror(errno);
+  // The name is still empty, so the next call sets up again, and this time
+  // it gets the name and a new file path.
+  log_printf_to_flash("named now\n");
+  EXPECT_NE(ReadFile(OwnLogFile()).find("named now\n"), std::string::npos);
+  EXPECT_EQ(ReadFile("/tmp/log/.log").find("named now"), std::string::npos);
+  log_info("named");
+  ExpectOne(LOG_INFO, "named");
+}
+
+TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
+  ASSERT_EQ(log_setLevel(0), 0);
+  log_printf_to_flash("main %d\n", 1);
+  pid_t worker_tid = 0;
+  std::thread worker([&] {
+    worker_tid = static_cast<pid_t>(syscall(SYS_gettid));
+    log_printf_to_flash("worker %s\n", "two");
+  });
+  worker.join();
+
+  const std::string expected = std::string(kStamp) + Pid() + " main 1\n" + kStamp + Pid() + "\\(" +
+                               std::to_string(worker_tid) + "\\) worker two\n";
+  const std::string content = ReadFile(OwnLogFile());
+  EXPECT_TRUE(std::regex_match(content, std::regex(expected))) << content;
+  struct stat st;
+  ASSERT_EQ(stat(OwnLogFile().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0644u);
+  EXPECT_TRUE(Received().empty());  // the file family never goes to syslog
+}
+
+TEST_F(LogTest, UnusableLogDirectoryLosesFileMessages) {
+  rk_test::WriteFile("/tmp/log", "a file where the directory should be");
+  rk_test::StderrCapture err;
+  log_printf_to_flash("lost\n");
+  EXPECT_EQ(err.Stop(), "open " + OwnLogFile() + " fail, errno : Not a directory\n");
+  EXPECT_EQ(ReadFile("/tmp/log"), "a file where the directory should be");
+}
+
+TEST_F(LogTest, LongExecutableNameIsCutTo63Bytes) {
+  // A copy of the probe program under a 70-byte name writes to its own file.
+  const std::string long_name(70, 'p');
+  const std::string copy = "/tmp/" + long_name;
+  ASSERT_EQ(system(("cp " RK_EXE_PROBE " " + copy).c_str()), 0);
+  ASSERT_EQ(system((copy + " flash").c_str()), 0);
+  EXPECT_NE(ReadFile("/tmp/log/" + long_name.substr(0, 63) + ".log").find("probe\n"),
+            std::string::npos);
+}
+
+}  // namespace

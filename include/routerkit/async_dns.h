@@ -19,10 +19,23 @@
 #define RK_API __attribute__((visibility("default")))
 #endif
 
+#include <signal.h>
+#include <stdbool.h>
+#include <stddef.h>
 #include <stdint.h>
+#include <sys/time.h>
+#include <sys/types.h>
 #include <netinet/in.h>
+/* libubox's headers carry no C++ guards of their own; the system headers they
+ * use are included above so that none of them is first seen inside the block. */
+#ifdef __cplusplus
+extern "C" {
+#endif
 #include <libubox/list.h>
 #include <libubox/uloop.h>
+#ifdef __cplusplus
+}
+#endif
 
 #ifdef __cplusplus
 extern "C" {

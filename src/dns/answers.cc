@@ -1,0 +1,207 @@
+#include "dns/internal.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <memory>
+
+#include "common/logmsg.h"
+#include "dns/cache.h"
+#include "dns/codec.h"
+
+namespace rk {
+namespace dns {
+namespace {
+
+// The messages of answer processing name the routine that reads the datagram,
+// whichever of the two functions here logs them.
+constexpr char kOrigin[] = "checkDnsSocket";
+
+// Datagrams shorter than this are refused before anything else is read.
+constexpr size_t kMinDatagram = 21;
+
+// An answer record, relative to its first byte when its name is a two-byte
+// compression pointer; behind a full name of D + 2 bytes everything is
+// shifted by D.
+constexpr uint8_t kNamePointer = 0xC0;
+constexpr size_t kRecType = 2;
+constexpr size_t kRecTtl = 6;
+constexpr size_t kRecRdLength = 10;
+constexpr size_t kRecRdata = 12;
+// The question of a reverse lookup ends in this suffix.
+constexpr int kReverseSuffixLength = 13;  // ".in-addr.arpa"
+
+struct FreeDeleter {
+  void operator()(void *p) const noexcept { free(p); }
+};
+using ResultPtr = std::unique_ptr<DnsResult, FreeDeleter>;
+
+// The sender as text, or null when it is neither IPv4 nor IPv6 or can't be printed.
+const char *senderText(const struct sockaddr_storage *from, char (&text)[kSenderTextSize]) noexcept {
+  if (from == nullptr) return nullptr;
+  const void *address;
+  if (from->ss_family == AF_INET) {
+    address = &reinterpret_cast<const struct sockaddr_in *>(from)->sin_addr;
+  } else if (from->ss_family == AF_INET6) {
+    address = &reinterpret_cast<const struct sockaddr_in6 *>(from)->sin6_addr;
+  } else {
+    return nullptr;
+  }
+  return inet_ntop(from->ss_family, address, text, sizeof text);
+}
+
+// Logs a refused datagram, with " from <sender>" when the sender is known.
+// The sender is printed only here, so an accepted datagram costs no inet_ntop.
+#define RK_DNS_REPORT(logfn, fmt, ...)                                                  \
+  do {                                                                                  \
+    char senderBuf_[kSenderTextSize];                                                   \
+    const char *sender_ = senderText(from, senderBuf_);                                 \
+    if (sender_ != nullptr) {                                                           \
+      logfn("[%s:%d]" fmt " from %s", kOrigin, __LINE__, __VA_ARGS__, sender_);         \
+    } else {                                                                            \
+      logfn("[%s:%d]" fmt, kOrigin, __LINE__, __VA_ARGS__);                             \
+    }                                                                                   \
+  } while (0)
+
+void fillAddress(DnsAddressEntry *slot, uint16_t family, void *field, size_t fieldSize,
+                 const uint8_t *rdata, uint16_t rdLength) noexcept {
+  slot->family = family;
+  memcpy(field, rdata, rdLength < fieldSize ? rdLength : fieldSize);
+}
+
+// A PTR answer: the slot gets the address the question asked about (its
+// reversed "d.c.b.a.in-addr.arpa" name), and the name becomes the host name
+// from RDATA.
+void fillPointer(DnsAddressEntry *slot, char *name, WireView rdata) noexcept {
+  slot->family = AF_INET;
+  char text[kPtrAddressTextSize] = {};
+  const int length = static_cast<int>(strlen(name)) - kReverseSuffixLength;
+  // ReverseDnsName writes length + 1 bytes. A longer text would be no
+  // address anyway, so the field simply stays zero.
+  if (length < static_cast<int>(sizeof text)) ReverseDnsName(text, name, length);
+  (void)inet_pton(AF_INET, text, &slot->ipv4);  // no address: the slot still counts, as zero
+  ChangeLabelsToDnsName(name, rdata);
+}
+
+}  // namespace
+
+int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
+                    const struct sockaddr_storage *from) noexcept {
+  if (context == nullptr || data == nullptr) return -1;
+  const WireView dg(data, len);
+
+  if (len < kMinDatagram) {
+    RK_DNS_REPORT(log_info, "error size(%d)", static_cast<int>(len));
+    return -1;
+  }
+  // The identifier is the context's, compared as raw bytes; a mismatch is
+  // printed as the 16-bit values those bytes give in memory.
+  if (memcmp(data, &context->id, sizeof context->id) != 0) {
+    uint16_t got;
+    memcpy(&got, data, sizeof got);
+    RK_DNS_REPORT(log_info, "error id(%x,%x)", static_cast<unsigned>(got),
+                  static_cast<unsigned>(context->id));
+    return -1;
+  }
+  const uint16_t questions = dg.u16(kOffQdCount);
+  if (questions != 1) {
+    RK_DNS_REPORT(log_info, "error questCount(%d)", static_cast<int>(questions));
+    return -1;
+  }
+
+  char name[kNameBufferSize];
+  const size_t q = ChangeLabelsToDnsName(name, dg.from(kHeaderSize));
+  if (q == 0) return -1;
+  // Behind the question: its name (Q + 2 bytes), QTYPE and QCLASS.
+  size_t record = kHeaderSize + q + 2 + 4;
+  if (record >= len) return -1;
+  int n = dg.u16(kOffAnCount);
+  if (n == 0) return -1;
+  if (n > kMaxAnswers) n = kMaxAnswers;
+
+  ResultPtr result(static_cast<DnsResult *>(
+      calloc(1, sizeof(DnsResult) + sizeof(DnsAddressEntry) * static_cast<size_t>(n))));
+  if (!result) {
+    log_error("[%s:%d]calloc error", kOrigin, __LINE__);
+    return -1;
+  }
+
+  // `record` is inside the datagram here: the first answer was tested above,
+  // every later one is tested before the loop steps to it.
+  for (int remaining = n;;) {
+    if (dg[record] != kNamePointer) {
+      // Only 0xC0 counts as a pointer (to an offset below 256); anything else
+      // is read as a full name that replaces the current one.
+      log_info("[%s:%d]the data_name is not 0xC0XX", kOrigin, __LINE__);
+      memset(name, 0, sizeof name);
+      const size_t d = ChangeLabelsToDnsName(name, dg.from(record));
+      if (d == 0) return -1;  // what went to the cache stays there; no callback
+      record += d;
+    }
+    // These may lie behind the end (a shifted record); they then read as zero
+    // and the tests below end the walk.
+    const uint16_t type = dg.u16(record + kRecType);
+    const uint32_t ttl = dg.u32(record + kRecTtl);
+    const uint16_t rdLength = dg.u16(record + kRecRdLength);
+
+    const size_t rdata = record + kRecRdata;
+    if (rdata >= len) {
+      RK_DNS_REPORT(log_error, "error protol(domain:%s,count:%d/%d)", name,
+                    static_cast<int>(result->count), remaining);
+      break;
+    }
+    const size_t next = rdata + rdLength;
+    if (next > len) {
+      RK_DNS_REPORT(log_error, "error protol(%s,data_len:%d,count:%d/%d)", name,
+                    static_cast<int>(rdLength), static_cast<int>(result->count), remaining);
+      break;
+    }
+
+    DnsAddressEntry *slot = &result->slots[result->count];
+    if (type == kTypeA) {
+      fillAddress(slot, AF_INET, &slot->ipv4, sizeof slot->ipv4, dg.at(rdata), rdLength);
+      ++result->count;
+      if (ttl != 0) cachePut(context->cache, name, slot, ttl);
+    } else if (type == kTypeAaaa) {
+      fillAddress(slot, AF_INET6, &slot->ipv6, sizeof slot->ipv6, dg.at(rdata), rdLength);
+      ++result->count;
+      if (ttl != 0) cachePut(context->cache, name, slot, ttl);
+    } else if (type == kTypePtr) {
+      // The first PTR record ends the walk; it is never cached.
+      fillPointer(slot, name, dg.from(rdata));
+      ++result->count;
+      break;
+    }
+    // Any other type (a CNAME, say) uses up an answer but no slot; the
+    // records behind it stay filed under the current name.
+    if (--remaining == 0 || next >= len) break;
+    record = next;
+  }
+
+  if (result->count > 0 && context->callback != nullptr) {
+    context->callback(context, name, result.get());
+  }
+  return 0;
+}
+
+int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept {
+  if (context == nullptr || fd < 0) return -1;
+  uint8_t buffer[kReceiveBufferSize];
+  memset(buffer, 0, sizeof buffer);
+  struct sockaddr_storage from;
+  memset(&from, 0, sizeof from);
+  socklen_t fromLength = sizeof(struct sockaddr_in6);  // room for 28 bytes
+  const ssize_t got =
+      recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<struct sockaddr *>(&from), &fromLength);
+  if (got < 1) {
+    RK_LOG_ERROR("error recvfrom");
+    return -1;
+  }
+  return processDatagram(context, buffer, static_cast<size_t>(got), &from);
+}
+
+}  // namespace dns
+}  // namespace rk

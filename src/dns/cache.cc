@@ -1,0 +1,167 @@
+#include "dns/cache.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "common/raii.h"
+#include <routerkit/log.h>
+
+namespace rk {
+namespace dns {
+
+TickSource cacheClock = GetTickCount;
+
+namespace {
+
+DnsCacheEntry *entryOf(struct avl_node *node) noexcept {
+  // The node is the entry's first member.
+  return reinterpret_cast<DnsCacheEntry *>(node);
+}
+
+// Frees each address of an entry, then the entry. Runs with the mutex held.
+void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
+  if (entry == nullptr) return;
+  for (DnsCacheAddress *a = entry->addresses; a != nullptr;) {
+    DnsCacheAddress *next = a->next;
+    free(a);
+    a = next;
+  }
+  free(entry);
+}
+
+// Drops the expired addresses of `name` and returns its entry, or null when
+// nothing live is left (the entry is then gone too). Expiry is lazy: this is
+// the only place where addresses die, and it runs only for the name at hand.
+// Runs with the mutex held.
+DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
+  if (name == nullptr) return nullptr;
+  struct avl_node *node = avl_find(&cache->tree, name);
+  if (node == nullptr) return nullptr;
+  DnsCacheEntry *entry = entryOf(node);
+  const uint64_t now = cacheClock();
+  for (DnsCacheAddress **link = &entry->addresses; *link != nullptr;) {
+    DnsCacheAddress *a = *link;
+    if (a->expiry < now) {  // an address is still live at its very expiry tick
+      *link = a->next;
+      free(a);
+    } else {
+      link = &a->next;
+    }
+  }
+  if (entry->addresses == nullptr) {
+    avl_delete(&cache->tree, &entry->node);
+    DnsCache_FreeEntry(entry);
+    return nullptr;
+  }
+  return entry;
+}
+
+// Resets the tree to empty, then frees the entries along its old ordered
+// list. Runs with the mutex held.
+void emptyTree(DnsCache *cache) noexcept {
+  DnsCacheEntry *entry;
+  DnsCacheEntry *tmp;
+  avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
+}
+
+DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+  const size_t length = strlen(name);
+  auto *entry = static_cast<DnsCacheEntry *>(malloc(offsetof(DnsCacheEntry, name) + length + 1));
+  if (entry == nullptr) return nullptr;
+  memset(entry, 0, offsetof(DnsCacheEntry, name));
+  memcpy(entry->name, name, length + 1);
+  entry->node.key = entry->name;
+  avl_insert(&cache->tree, &entry->node);
+  return entry;
+}
+
+DnsCacheAddress *findOrAddAddress(DnsCacheEntry *entry, const DnsAddressEntry *address) noexcept {
+  for (DnsCacheAddress *a = entry->addresses; a != nullptr; a = a->next) {
+    if (memcmp(&a->address, address, sizeof a->address) == 0) return a;  // a refresh keeps its place
+  }
+  auto *a = static_cast<DnsCacheAddress *>(malloc(sizeof(DnsCacheAddress)));
+  if (a == nullptr) return nullptr;
+  memcpy(&a->address, address, sizeof a->address);
+  a->expiry = 0;
+  a->next = entry->addresses;  // newest at the head
+  entry->addresses = a;
+  return a;
+}
+
+}  // namespace
+
+int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept {
+  if (name == nullptr || result == nullptr || cache == nullptr) return -1;
+  MutexLock lock(&cache->mutex);
+  const DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
+  if (entry == nullptr) return -1;
+  int32_t count = 0;
+  for (const DnsCacheAddress *a = entry->addresses; a != nullptr && count < maxCount; a = a->next) {
+    result->slots[count++] = a->address;
+  }
+  result->count = count;
+  return 0;
+}
+
+void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
+  if (cache == nullptr || name == nullptr || address == nullptr || ttl == 0) return;
+  MutexLock lock(&cache->mutex);
+  DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
+  if (entry == nullptr) {
+    entry = newEntry(cache, name);
+    // Without memory for the address the new entry stays empty; the next
+    // expiry walk over this name removes it.
+    if (entry == nullptr) return;
+  }
+  DnsCacheAddress *a = findOrAddAddress(entry, address);
+  if (a == nullptr) return;
+  // A repeat overwrites the expiry, which may shorten it.
+  a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
+}
+
+}  // namespace dns
+}  // namespace rk
+
+extern "C" {
+
+DnsCache *DnsCacheCreate(void) {
+  auto *cache = static_cast<DnsCache *>(calloc(1, sizeof(DnsCache)));
+  if (cache == nullptr) return nullptr;
+  avl_init(&cache->tree, avl_strcmp, false, nullptr);
+  if (pthread_mutex_init(&cache->mutex, nullptr) != 0) {
+    free(cache);
+    return nullptr;
+  }
+  return cache;
+}
+
+void DnsCacheDestroy(DnsCache *cache) {
+  if (cache == nullptr) return;
+  {
+    rk::MutexLock lock(&cache->mutex);
+    rk::dns::emptyTree(cache);
+  }
+  pthread_mutex_destroy(&cache->mutex);
+  free(cache);
+}
+
+int DnsCache_Get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) {
+  return rk::dns::cacheGet(cache, name, result, maxCount);
+}
+
+void DnsCache_Put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) {
+  rk::dns::cachePut(cache, name, address, ttl);
+}
+
+void DnsCache_Clean(DnsCache *cache) {
+  if (cache == nullptr) return;
+  rk::MutexLock lock(&cache->mutex);
+  rk::dns::emptyTree(cache);
+}
+
+void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds) {
+  if (cache == nullptr) return;  // a precondition; refusing costs one test
+  cache->minCacheTime = seconds;
+}
+
+}  // extern "C"

@@ -1,0 +1,510 @@
+// Acceptance of received DNS datagrams: what is refused with which message,
+// what reaches the callback and the cache, and that every read stays inside
+// the datagram (each one is handed over as an exact-size heap copy).
+//
+// Runs in a private namespace (NAMESPACE flag): the messages go through
+// syslog, which this program receives on its own /dev/log.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "dns/cache.h"
+#include "dns/internal.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// ---- syslog capture ------------------------------------------------------
+
+// Binds /dev/log (only inside the test namespace, where /dev is throw-away)
+// and hands back each message as "info [function]text" or "error [function]text".
+class SyslogSink {
+ public:
+  bool open() {
+    if (fd_ >= 0) return true;
+    if (access("/run/.rk-ns", F_OK) != 0) return false;  // not in the namespace: leave /dev alone
+    unlink("/dev/log");
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, "/dev/log");
+    if (fd_ < 0 || bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) return false;
+    return true;
+  }
+
+  std::vector<std::string> drain() {
+    std::vector<std::string> out;
+    static const std::regex line(R"(^<(\d+)>.*?\[(\w+):\d+\](.*)$)");
+    char buf[4096];
+    for (;;) {
+      const ssize_t n = recv(fd_, buf, sizeof buf - 1, 0);
+      if (n <= 0) break;
+      std::string text(buf, static_cast<size_t>(n));
+      while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) text.pop_back();
+      std::smatch m;
+      if (!std::regex_match(text, m, line)) {
+        out.push_back("unparsed " + text);
+        continue;
+      }
+      const int severity = std::stoi(m[1]) & 7;
+      const char *level = severity == 6 ? "info" : severity == 3 ? "error" : "other";
+      out.push_back(std::string(level) + " [" + m[2].str() + "]" + m[3].str());
+    }
+    return out;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+SyslogSink &sink() {
+  static SyslogSink s;
+  return s;
+}
+
+// ---- datagram builder ----------------------------------------------------
+
+constexpr uint16_t kId = 0x1234;  // the context's identifier, as a number
+const char *const kQ = "aaa.bbbbbbb.ccc";
+
+Bytes labels(const std::string &dotted) {
+  Bytes out;
+  size_t start = 0;
+  while (start < dotted.size()) {
+    size_t dot = dotted.find('.', start);
+    if (dot == std::string::npos) dot = dotted.size();
+    out.push_back(static_cast<uint8_t>(dot - start));
+    out.insert(out.end(), dotted.begin() + static_cast<long>(start), dotted.begin() + static_cast<long>(dot));
+    start = dot + 1;
+  }
+  out.push_back(0);
+  return out;
+}
+
+Bytes v4(const char *text) {
+  Bytes b(4);
+  inet_pton(AF_INET, text, b.data());
+  return b;
+}
+
+Bytes v6(const char *text) {
+  Bytes b(16);
+  inet_pton(AF_INET6, text, b.data());
+  return b;
+}
+
+struct Packet {
+  Bytes b;
+  Packet &u8(uint8_t v) {
+    b.push_back(v);
+    return *this;
+  }
+  Packet &u16(uint16_t v) { return u8(static_cast<uint8_t>(v >> 8)).u8(static_cast<uint8_t>(v)); }
+  Packet &u32(uint32_t v) { return u16(static_cast<uint16_t>(v >> 16)).u16(static_cast<uint16_t>(v)); }
+  Packet &raw(const Bytes &r) {
+    b.insert(b.end(), r.begin(), r.end());
+    return *this;
+  }
+  Packet &str(const std::string &s) { return raw(Bytes(s.begin(), s.end())); }
+  Packet &fill(size_t n, uint8_t v) { return raw(Bytes(n, v)); }
+
+  // A record named by a compression pointer to the question.
+  Packet &answer(uint16_t type, uint32_t ttl, const Bytes &rdata) {
+    return u8(0xC0).u8(0x0C).record(type, ttl, rdata);
+  }
+  // A record whose name is written in full.
+  Packet &answerNamed(const std::string &name, uint16_t type, uint32_t ttl, const Bytes &rdata) {
+    return raw(labels(name)).record(type, ttl, rdata);
+  }
+  Packet &record(uint16_t type, uint32_t ttl, const Bytes &rdata) {
+    return u16(type).u16(1).u32(ttl).u16(static_cast<uint16_t>(rdata.size())).raw(rdata);
+  }
+};
+
+Packet header(uint16_t qd, uint16_t an, uint16_t id = kId) {
+  Packet p;
+  return p.u16(id).u16(0x8180).u16(qd).u16(an).u16(0).u16(0);
+}
+
+Packet response(const std::string &question, uint16_t an, uint16_t qtype = 1) {
+  Packet p = header(1, an);
+  return p.raw(labels(question)).u16(qtype).u16(1);
+}
+
+// ---- the context and the callback ---------------------------------------
+
+std::vector<std::string> calls;
+
+std::string show(const DnsAddressEntry &e) {
+  char text[64] = "?";
+  if (e.family == AF_INET) inet_ntop(AF_INET, &e.ipv4, text, sizeof text);
+  if (e.family == AF_INET6) inet_ntop(AF_INET6, &e.ipv6, text, sizeof text);
+  return text;
+}
+
+int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) {
+  std::string s = name;
+  s += ":";
+  for (int i = 0; i < result->count; ++i) s += " " + show(result->slots[i]);
+  calls.push_back(s);
+  return 0;
+}
+
+struct Outcome {
+  int ret;
+  std::vector<std::string> calls;
+  std::vector<std::string> logs;
+};
+
+using Strings = std::vector<std::string>;
+
+struct Row {
+  const char *what;
+  Bytes datagram;
+  int ret;
+  Strings calls;
+  Strings logs;
+  std::vector<std::pair<const char *, const char *>> cache;  // name, live addresses newest first
+};
+
+class DnsAnswers : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!sink().open()) GTEST_SKIP() << "needs the test namespace (rk-ns-run) for /dev/log";
+    sink().drain();
+    context_.id = htons(kId);
+    context_.cache = DnsCacheCreate();
+    context_.callback = recordCall;
+    context_.dnsSock.fd = -1;
+    context_.dns6Sock.fd = -1;
+    INIT_LIST_HEAD(&context_.servers);
+    INIT_LIST_HEAD(&context_.servers6);
+    calls.clear();
+  }
+  void TearDown() override { DnsCacheDestroy(context_.cache); }
+
+  Outcome run(const Bytes &datagram, const struct sockaddr_storage *from = nullptr) {
+    // Exact size, on the heap: a read behind the end is an ASan report.
+    auto *copy = static_cast<uint8_t *>(malloc(datagram.size() ? datagram.size() : 1));
+    memcpy(copy, datagram.data(), datagram.size());
+    calls.clear();
+    const int ret = rk::dns::processDatagram(&context_, copy, datagram.size(), from);
+    free(copy);
+    return {ret, calls, sink().drain()};
+  }
+
+  std::string cached(const char *name) {
+    union {
+      DnsResult result;
+      uint8_t bytes[4 + 28 * 16];
+    } buf;
+    if (DnsCache_Get(context_.cache, name, &buf.result, 16) != 0) return "absent";
+    std::string s;
+    for (int i = 0; i < buf.result.count; ++i) s += (i ? " " : "") + show(buf.result.slots[i]);
+    return s;
+  }
+
+  // Runs a table row: result, callbacks, messages, then the cache.
+  void expect(const Row &row) {
+    if (!row.cache.empty()) DnsCache_Clean(context_.cache);
+    const Outcome got = run(row.datagram);
+    EXPECT_EQ(got.ret, row.ret) << row.what;
+    EXPECT_EQ(got.calls, row.calls) << row.what;
+    EXPECT_EQ(got.logs, row.logs) << row.what;
+    for (const auto &entry : row.cache) EXPECT_EQ(cached(entry.first), entry.second) << row.what;
+  }
+
+  AsyncDnsContext context_ = {};
+};
+
+TEST_F(DnsAnswers, RefusedBeforeTheAnswerLoop) {
+  Bytes idOnly21(21, 0);
+  idOnly21[0] = 0x56;
+  idOnly21[1] = 0x78;
+  Bytes rightId21(21, 0);
+  rightId21[0] = 0x12;
+  rightId21[1] = 0x34;
+  Bytes rootQuestion = header(1, 1).u8(0).u16(1).u16(1).answer(1, 60, v4("1.2.3.4")).b;
+
+  const Row rows[] = {
+      {"20 bytes are too short", Bytes(20, 0), -1, {}, {"info [checkDnsSocket]error size(20)"}, {}},
+      {"21 bytes reach the identifier test", idOnly21, -1, {}, {"info [checkDnsSocket]error id(7856,3412)"}, {}},
+      {"then the question count", rightId21, -1, {}, {"info [checkDnsSocket]error questCount(0)"}, {}},
+      {"two questions", header(2, 1).raw(labels(kQ)).u16(1).u16(1).answer(1, 60, v4("1.2.3.4")).b, -1, {},
+       {"info [checkDnsSocket]error questCount(2)"}, {}},
+      {"no answers", response(kQ, 0).fill(16, 0).b, -1, {}, {}, {}},
+      {"an empty question name", rootQuestion, -1, {}, {}, {}},
+      {"answers would start at the end", response(kQ, 1).b, -1, {}, {}, {}},
+      {"a response code is not looked at: NXDOMAIN without answers",
+       Packet(header(1, 0)).raw(labels(kQ)).u16(1).u16(1).b, -1, {}, {}, {}},
+  };
+  for (const Row &row : rows) expect(row);
+  EXPECT_EQ(cached(kQ), "absent");
+}
+
+TEST_F(DnsAnswers, AnswersReachTheCallbackAndTheCache) {
+  std::vector<Row> rows;
+  rows.push_back({"one A", response(kQ, 1).answer(1, 60, v4("1.2.3.4")).b, 0, {"aaa.bbbbbbb.ccc: 1.2.3.4"}, {},
+                  {{kQ, "1.2.3.4"}}});
+  rows.push_back({"A then AAAA, slots in answer order, cache newest first",
+                  response(kQ, 2).answer(1, 60, v4("1.2.3.4")).answer(28, 60, v6("2001:db8::1")).b, 0,
+                  {"aaa.bbbbbbb.ccc: 1.2.3.4 2001:db8::1"}, {}, {{kQ, "2001:db8::1 1.2.3.4"}}});
+  rows.push_back({"a CNAME then two A records: filed under the question's name",
+                  response(kQ, 3)
+                      .answer(5, 60, labels("www.bbbbbbb.ccc"))
+                      .answer(1, 60, v4("1.1.1.1"))
+                      .answer(1, 60, v4("2.2.2.2"))
+                      .b,
+                  0, {"aaa.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {},
+                  {{kQ, "2.2.2.2 1.1.1.1"}, {"www.bbbbbbb.ccc", "absent"}}});
+  rows.push_back({"a TTL of 0 is delivered but not cached",
+                  response(kQ, 2).answer(1, 60, v4("1.1.1.1")).answer(1, 0, v4("2.2.2.2")).b, 0,
+                  {"aaa.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {}, {{kQ, "1.1.1.1"}}});
+  rows.push_back({"only records of other types: no slot, no callback",
+                  response(kQ, 3)
+                      .answer(5, 60, labels("www.bbbbbbb.ccc"))
+                      .answer(15, 60, Bytes{0, 10, 0})
+                      .answer(16, 60, Bytes{3, 'a', 'b', 'c'})
+                      .b,
+                  0, {}, {}, {{kQ, "absent"}}});
+  rows.push_back({"RDLENGTH 2 fills two bytes, RDLENGTH 6 stores four and moves six on",
+                  response(kQ, 3)
+                      .answer(1, 60, Bytes{1, 2})
+                      .answer(1, 60, Bytes{5, 6, 7, 8, 9, 9})
+                      .answer(1, 60, v4("9.9.9.9"))
+                      .b,
+                  0, {"aaa.bbbbbbb.ccc: 1.2.0.0 5.6.7.8 9.9.9.9"}, {}, {}});
+  rows.push_back({"an AAAA with a short RDATA keeps the rest zero",
+                  response(kQ, 1).answer(28, 60, Bytes{0x20, 0x01, 0x0d, 0xb8}).b, 0,
+                  {"aaa.bbbbbbb.ccc: 2001:db8::"}, {}, {}});
+  rows.push_back({"the datagram ends behind the last record before ANCOUNT is used up",
+                  response(kQ, 5).answer(1, 60, v4("1.1.1.1")).answer(28, 60, v6("::1")).b, 0,
+                  {"aaa.bbbbbbb.ccc: 1.1.1.1 ::1"}, {}, {}});
+  rows.push_back({"bytes behind the counted answers are not looked at",
+                  response(kQ, 1).answer(1, 60, v4("1.1.1.1")).answer(1, 60, v4("2.2.2.2")).b, 0,
+                  {"aaa.bbbbbbb.ccc: 1.1.1.1"}, {}, {{kQ, "1.1.1.1"}}});
+  for (const Row &row : rows) expect(row);
+}
+
+TEST_F(DnsAnswers, FullAnswerNamesReplaceTheName) {
+  const char *notPointer = "info [checkDnsSocket]the data_name is not 0xC0XX";
+  std::vector<Row> rows;
+  rows.push_back({"a full name goes to the callback and the cache",
+                  response(kQ, 2)
+                      .answerNamed("www.bbbbbbb.ccc", 1, 60, v4("1.1.1.1"))
+                      .answer(1, 60, v4("2.2.2.2"))
+                      .b,
+                  0, {"www.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {notPointer},
+                  {{"www.bbbbbbb.ccc", "2.2.2.2 1.1.1.1"}, {kQ, "absent"}}});
+  rows.push_back({"a first byte of 0xC1 is no pointer: a full name, fields shifted behind it",
+                  response(kQ, 1).raw(Bytes{0xC1, 'x', 'y', 0}).record(1, 60, v4("1.2.3.4")).b, 0,
+                  {"xy: 1.2.3.4"}, {notPointer}, {{"xy", "1.2.3.4"}}});
+  rows.push_back({"a zero name byte ends everything without a callback; the cache keeps what it got",
+                  response(kQ, 2).answer(1, 60, v4("1.1.1.1")).raw(Bytes{0}).record(1, 60, v4("2.2.2.2")).b,
+                  -1, {}, {notPointer}, {{kQ, "1.1.1.1"}}});
+  for (const Row &row : rows) expect(row);
+}
+
+TEST_F(DnsAnswers, AtMostSixteenAnswers) {
+  Packet p = response(kQ, 40);
+  std::string expected = "aaa.bbbbbbb.ccc:";
+  for (uint8_t i = 0; i < 40; ++i) {
+    p.answer(1, 60, Bytes{10, 0, 0, i});
+    if (i < 16) expected += " 10.0.0." + std::to_string(i);
+  }
+  const Outcome got = run(p.b);
+  EXPECT_EQ(got.ret, 0);
+  EXPECT_EQ(got.calls, Strings{expected});
+  EXPECT_EQ(got.logs, Strings{});
+}
+
+TEST_F(DnsAnswers, RecordsCutByTheEndAreReportedAndWhatCameBeforeIsDelivered) {
+  const Row rows[] = {
+      {"RDATA would start exactly at the end",
+       response(kQ, 2).answer(1, 60, v4("1.1.1.1")).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(60).u16(0).b, 0,
+       {"aaa.bbbbbbb.ccc: 1.1.1.1"},
+       {"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:1/1)"}, {}},
+      {"RDLENGTH one byte past the end",
+       response(kQ, 2).answer(1, 60, v4("1.1.1.1")).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(60).u16(4).raw({2, 2, 2}).b,
+       0, {"aaa.bbbbbbb.ccc: 1.1.1.1"},
+       {"error [checkDnsSocket]error protol(aaa.bbbbbbb.ccc,data_len:4,count:1/1)"}, {}},
+      {"a record ending exactly at the end passes", response(kQ, 1).answer(1, 60, v4("1.1.1.1")).b, 0,
+       {"aaa.bbbbbbb.ccc: 1.1.1.1"}, {}, {}},
+      {"TYPE, TTL and RDLENGTH behind the end", response(kQ, 1).raw({0xC0, 0x0C, 0x00}).b, 0, {},
+       {"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:0/1)"}, {}},
+      {"a full name running to the end shifts the record behind it",
+       response(kQ, 1).raw({5, 'a', 'b', 'c', 'd', 'e'}).b, 0, {},
+       {"info [checkDnsSocket]the data_name is not 0xC0XX",
+        "error [checkDnsSocket]error protol(domain:abcde,count:0/1)"},
+       {}},
+      {"a question name cut by the end decodes as if zeros followed",
+       header(1, 1).raw({0x3F, 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a'}).b, -1, {}, {}, {}},
+  };
+  for (const Row &row : rows) expect(row);
+}
+
+TEST_F(DnsAnswers, LongestQuestionNameWithoutTerminator) {
+  // 253 bytes of labels and no terminator: the question decodes up to the end
+  // of the datagram, and the answers would start behind it.
+  Packet p = header(1, 1);
+  p.u8(63).fill(63, 'a').u8(63).fill(63, 'b').u8(63).fill(63, 'c').u8(63).fill(60, 'd');
+  ASSERT_EQ(p.b.size(), 12u + 253u);
+  const Outcome got = run(p.b);
+  EXPECT_EQ(got.ret, -1);
+  EXPECT_EQ(got.calls, Strings{});
+}
+
+TEST_F(DnsAnswers, DatagramFillingTheWholeBuffer) {
+  // One A record whose RDATA runs to byte 65535: the slot takes its first four bytes.
+  const size_t rdLength = rk::dns::kReceiveBufferSize - 33 - 12;
+  Bytes rdata(rdLength, 0x77);
+  rdata[0] = 1, rdata[1] = 2, rdata[2] = 3, rdata[3] = 4;
+  Packet full = response(kQ, 1).answer(1, 60, rdata);
+  ASSERT_EQ(full.b.size(), rk::dns::kReceiveBufferSize);
+  Outcome got = run(full.b);
+  EXPECT_EQ(got.ret, 0);
+  EXPECT_EQ(got.calls, Strings{"aaa.bbbbbbb.ccc: 1.2.3.4"});
+
+  // An A record, filler of another type, then a full name cut by byte 65535.
+  Packet cut = response(kQ, 3).answer(1, 60, v4("5.6.7.8"));
+  const size_t filler = rk::dns::kReceiveBufferSize - cut.b.size() - 12 - 100;
+  cut.answer(99, 60, Bytes(filler, 0x55));
+  cut.u8(63).fill(63, 'h').u8(63).fill(35, 'h');
+  ASSERT_EQ(cut.b.size(), rk::dns::kReceiveBufferSize);
+  got = run(cut.b);
+  // The cut name has already replaced the name when the record is found
+  // short, so the slot gathered before is delivered under it.
+  const std::string cutName = std::string(63, 'h') + "." + std::string(35, 'h');
+  EXPECT_EQ(got.ret, 0);
+  EXPECT_EQ(got.calls, Strings{cutName + ": 5.6.7.8"});
+  ASSERT_EQ(got.logs.size(), 2u);
+  EXPECT_EQ(got.logs[1], "error [checkDnsSocket]error protol(domain:" + cutName + ",count:1/1)");
+  EXPECT_EQ(cached(kQ), "5.6.7.8 1.2.3.4") << "both datagrams filed their A record under the question";
+}
+
+TEST_F(DnsAnswers, PointerRecords) {
+  std::vector<Row> rows;
+  rows.push_back({"a PTR answer names the host and carries the address it was asked about",
+                  response("4.3.2.1.in-addr.arpa", 1, 12).answer(12, 60, labels("host.bbbbbbb.ccc")).b, 0,
+                  {"host.bbbbbbb.ccc: 1.2.3.4"}, {},
+                  {{"host.bbbbbbb.ccc", "absent"}, {"4.3.2.1.in-addr.arpa", "absent"}}});
+  rows.push_back({"a question shorter than the suffix gives an address of zero",
+                  response("bbbbbbb.ccc", 1, 12).answer(12, 60, labels("host.bbbbbbb.ccc")).b, 0,
+                  {"host.bbbbbbb.ccc: 0.0.0.0"}, {}, {}});
+  rows.push_back({"only the first PTR record counts",
+                  response("4.3.2.1.in-addr.arpa", 2, 12)
+                      .answer(12, 60, labels("host.bbbbbbb.ccc"))
+                      .answer(12, 60, labels("other.bbbbbbb.ccc"))
+                      .b,
+                  0, {"host.bbbbbbb.ccc: 1.2.3.4"}, {}, {}});
+  rows.push_back({"A records before a PTR are delivered with it",
+                  response("4.3.2.1.in-addr.arpa", 3, 12)
+                      .answer(1, 60, v4("9.9.9.9"))
+                      .answer(12, 60, labels("host.bbbbbbb.ccc"))
+                      .answer(1, 60, v4("8.8.8.8"))
+                      .b,
+                  0, {"host.bbbbbbb.ccc: 9.9.9.9 1.2.3.4"}, {}, {{"4.3.2.1.in-addr.arpa", "9.9.9.9"}}});
+  rows.push_back({"PTR RDATA ending in a compression pointer reads the pointer as a label",
+                  response("4.3.2.1.in-addr.arpa", 1, 12).answer(12, 60, Bytes{3, 'a', 'b', 'c', 0xC0, 0x0C}).b,
+                  0, {"abc.\x0c: 1.2.3.4"}, {}, {}});
+  rows.push_back({"PTR RDATA cut by the end of the datagram",
+                  response("4.3.2.1.in-addr.arpa", 1, 12).answer(12, 60, Bytes{5, 'h', 'o'}).b, 0,
+                  {"ho: 1.2.3.4"}, {}, {}});
+  // The address text holds 64 bytes: room for the reversal of a question of
+  // up to 76 characters. Nothing longer can be an address.
+  rows.push_back({"a 76-character question",
+                  response(std::string(63, 'x') + ".in-addr.arpa", 1, 12).answer(12, 60, labels("h")).b, 0,
+                  {"h: 0.0.0.0"}, {}, {}});
+  rows.push_back({"a 200-character question leaves the address zero",
+                  response(std::string(63, 'x') + "." + std::string(63, 'y') + "." + std::string(59, 'z') +
+                               ".in-addr.arpa",
+                           1, 12)
+                      .answer(12, 60, labels("h"))
+                      .b,
+                  0, {"h: 0.0.0.0"}, {}, {}});
+  for (const Row &row : rows) expect(row);
+}
+
+TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
+  struct sockaddr_storage from4 = {};
+  auto *in4 = reinterpret_cast<struct sockaddr_in *>(&from4);
+  in4->sin_family = AF_INET;
+  inet_pton(AF_INET, "192.0.2.7", &in4->sin_addr);
+  struct sockaddr_storage from6 = {};
+  auto *in6 = reinterpret_cast<struct sockaddr_in6 *>(&from6);
+  in6->sin6_family = AF_INET6;
+  inet_pton(AF_INET6, "2001:db8::53", &in6->sin6_addr);
+  struct sockaddr_storage fromUnix = {};
+  fromUnix.ss_family = AF_UNIX;
+
+  EXPECT_EQ(run(Bytes(5, 0), &from4).logs, Strings{"info [checkDnsSocket]error size(5) from 192.0.2.7"});
+  EXPECT_EQ(run(Bytes(5, 0), &from6).logs, Strings{"info [checkDnsSocket]error size(5) from 2001:db8::53"});
+  EXPECT_EQ(run(Bytes(5, 0), &fromUnix).logs, Strings{"info [checkDnsSocket]error size(5)"});
+  EXPECT_EQ(run(header(1, 1, 0xabcd).fill(10, 0).b, &from4).logs,
+            Strings{"info [checkDnsSocket]error id(cdab,3412) from 192.0.2.7"});
+  EXPECT_EQ(run(header(3, 1).fill(10, 0).b, &from6).logs,
+            Strings{"info [checkDnsSocket]error questCount(3) from 2001:db8::53"});
+  EXPECT_EQ(run(response(kQ, 1).raw({0xC0, 0x0C}).b, &from4).logs,
+            Strings{"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:0/1) from 192.0.2.7"});
+  EXPECT_EQ(run(response(kQ, 1).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(1).u16(9).raw({1}).b, &from6).logs,
+            Strings{"error [checkDnsSocket]error protol(aaa.bbbbbbb.ccc,data_len:9,count:0/1) from 2001:db8::53"});
+}
+
+TEST_F(DnsAnswers, WithoutCallbackAnswersStillFillTheCache) {
+  context_.callback = nullptr;
+  const Outcome got = run(response(kQ, 1).answer(1, 60, v4("1.2.3.4")).b);
+  EXPECT_EQ(got.ret, 0);
+  EXPECT_EQ(got.calls, Strings{});
+  EXPECT_EQ(cached(kQ), "1.2.3.4");
+  EXPECT_EQ(rk::dns::processDatagram(nullptr, Bytes(40, 0).data(), 40, nullptr), -1);
+}
+
+// ---- checkDnsSocket: one datagram from a descriptor -----------------------
+
+TEST_F(DnsAnswers, CheckDnsSocketReadsOneDatagram) {
+  int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  ASSERT_GE(udp, 0);
+  struct sockaddr_in addr = {};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(udp, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr), 0);
+  socklen_t len = sizeof addr;
+  ASSERT_EQ(getsockname(udp, reinterpret_cast<struct sockaddr *>(&addr), &len), 0);
+  int peer = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(peer, 0);
+
+  const Bytes good = response(kQ, 1).answer(1, 60, v4("1.2.3.4")).b;
+  const Bytes shortOne(7, 0);
+  ASSERT_GT(sendto(peer, good.data(), good.size(), 0, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr), 0);
+  ASSERT_GT(sendto(peer, shortOne.data(), shortOne.size(), 0, reinterpret_cast<struct sockaddr *>(&addr),
+                   sizeof addr),
+            0);
+
+  calls.clear();
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), 0);
+  EXPECT_EQ(calls, Strings{"aaa.bbbbbbb.ccc: 1.2.3.4"});
+  EXPECT_EQ(sink().drain(), Strings{});
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), -1);
+  EXPECT_EQ(sink().drain(), Strings{"info [checkDnsSocket]error size(7) from 127.0.0.1"});
+  // Nothing left: the failed read is reported.
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), -1);
+  EXPECT_EQ(sink().drain(), Strings{"error [checkDnsSocket]error recvfrom"});
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, -1), -1);
+  EXPECT_EQ(rk::dns::checkDnsSocket(nullptr, udp), -1);
+  EXPECT_EQ(sink().drain(), Strings{});
+  close(peer);
+  close(udp);
+}
+
+}  // namespace

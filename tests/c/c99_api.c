@@ -3,7 +3,9 @@
  * private namespace, so the files it makes are throw-away. */
 #include "rk_all_headers.h"
 
+#include <errno.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <string.h>
 
 static int failures;
@@ -43,6 +45,20 @@ int main(void) {
   check(getValueFromFile("/tmp/c99-version", "firmware_version", value, (int)sizeof value) == 5,
         "getValueFromFile length");
   check(strcmp(value, "1.2.3") == 0, "getValueFromFile value");
+
+  /* uci_access: a one-shot write, committed, read back */
+  check(mkdir("/etc/config", 0755) == 0 || errno == EEXIST, "mkdir /etc/config");
+  f = fopen("/etc/config/c99", "w");
+  check(f != NULL, "fopen /etc/config/c99");
+  if (f) {
+    fputs("config system 'main'\n\toption hostname 'before'\n", f);
+    fclose(f);
+  }
+  check(uciSetOptionString("c99", "system", NULL, "hostname", "after", 5) == 0, "uciSetOptionString");
+  memset(value, 0, sizeof value);
+  check(uciGetOptionString("c99", NULL, "main", "hostname", value, (int)sizeof value) == 0,
+        "uciGetOptionString");
+  check(strcmp(value, "after") == 0, "uciGetOptionString value");
 
   /* async_dns */
   check(uloop_init() == 0, "uloop_init");

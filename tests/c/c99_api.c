@@ -1,6 +1,8 @@
 /* Built with -std=c99 -pedantic-errors: includes every public header and
  * calls one function of each family through the shared library. Runs in a
  * private namespace, so the files it makes are throw-away. */
+/* A daemon on Linux asks for POSIX; libubox's uloop.h needs struct sigaction. */
+#define _POSIX_C_SOURCE 200809L
 #include "rk_all_headers.h"
 
 #include <errno.h>

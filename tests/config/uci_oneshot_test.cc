@@ -1,0 +1,354 @@
+// One-shot access by package name, on real packages in /etc/config (with
+// changes under /tmp/.uci), both private to the test's namespace.
+#include <routerkit/uci_access.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "uci_testutil.h"
+
+namespace {
+
+using rktest::conf_path;
+using rktest::read_file;
+using rktest::stored;
+
+constexpr const char *kNetwork =
+    "config interface 'wan'\n"
+    "\toption proto 'dhcp'\n"
+    "\n"
+    "config interface\n"
+    "\toption proto 'static'\n"
+    "\toption ipaddr '192.168.1.1'\n"
+    "\n"
+    "config interface 'lan'\n"
+    "\toption proto 'static'\n"
+    "\toption ipaddr '10.0.0.1'\n"
+    "\toption addr '1.2.3.4'\n"
+    "\n"
+    "config switch 'sw0'\n"
+    "\toption ports '0 1 2 3'\n"
+    "\toption ipaddr '10.9.9.9'\n"
+    "\n"
+    "config host 'h1'\n"
+    "\tlist mac 'aa'\n"
+    "\n"
+    "config host 'h2'\n"
+    "\toption mac 'bb'\n";
+
+class OneShot : public rktest::UciFiles {
+ protected:
+  void SetUp() override {
+    UciFiles::SetUp();
+    if (HasFatalFailure()) return;
+    put("network", kNetwork);
+  }
+  // The option's text, or "<-1>" when the call fails.
+  static std::string get(const char *type, const char *name, const char *option,
+                         const char *config = "network") {
+    char buf[64] = {};
+    if (uciGetOptionString(config, type, name, option, buf, sizeof buf) != 0) return "<-1>";
+    return buf;
+  }
+};
+
+// ---- selector and walk -----------------------------------------------------
+
+TEST_F(OneShot, SelectorPicksTheFirstSectionThatHasTheOption) {
+  const struct {
+    const char *type, *name, *option, *want;
+  } rows[] = {
+      // By type: the first match in list order wins...
+      {"interface", nullptr, "proto", "dhcp"},
+      // ...and a match without the option doesn't end the walk ('wan' has
+      // no ipaddr, the anonymous second interface does).
+      {"interface", nullptr, "ipaddr", "192.168.1.1"},
+      // By name alone, whatever the type.
+      {nullptr, "sw0", "ports", "0 1 2 3"},
+      {nullptr, "lan", "ipaddr", "10.0.0.1"},
+      // Both: type and name must hold for the same section.
+      {"interface", "lan", "ipaddr", "10.0.0.1"},
+      {"interface", "sw0", "ipaddr", "<-1>"},
+      {"switch", "lan", "ipaddr", "<-1>"},
+      // A list is passed over like a missing option.
+      {"host", nullptr, "mac", "bb"},
+      {nullptr, "h1", "mac", "<-1>"},
+      // Exact, case-sensitive comparison; nothing matching at all.
+      {"Interface", nullptr, "proto", "<-1>"},
+      {nullptr, "LAN", "proto", "<-1>"},
+      {"interface", nullptr, "nothing", "<-1>"},
+      {"route", nullptr, "proto", "<-1>"},
+  };
+  for (const auto &r : rows)
+    EXPECT_EQ(get(r.type, r.name, r.option), r.want)
+        << (r.type ? r.type : "-") << "/" << (r.name ? r.name : "-") << "/" << r.option;
+}
+
+TEST_F(OneShot, PackagesThatGiveNothing) {
+  put("empty", "");
+  put("broken", "config x 'y'\n\toption bad-name 'v'\n");
+  EXPECT_EQ(get("interface", nullptr, "proto", "missing"), "<-1>");
+  EXPECT_EQ(get("interface", nullptr, "proto", "empty"), "<-1>");
+  EXPECT_EQ(get("x", nullptr, "v", "broken"), "<-1>");
+}
+
+TEST_F(OneShot, StringFollowsTheCallerTerminatedContract) {
+  char buf[8];
+  memset(buf, 'X', sizeof buf);
+  EXPECT_EQ(uciGetOptionString("network", nullptr, "lan", "addr", buf, 4), 0);
+  EXPECT_EQ(std::string(buf, 4), "1.2X");
+
+  memset(buf, 'X', sizeof buf);
+  EXPECT_EQ(uciGetOptionString("network", nullptr, "lan", "ipaddr", buf, 1), 0);
+  EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
+
+  // On failure `out` is untouched.
+  EXPECT_EQ(uciGetOptionString("network", nullptr, "lan", "nothing", buf, 8), -1);
+  EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
+}
+
+// ---- typed readers -----------------------------------------------------------
+
+// Each reader's result and value, or kKept for "out left as preset".
+constexpr long long kKept = LLONG_MIN;
+struct Want {
+  int rc;
+  long long value;
+};
+constexpr Want kFail{-1, kKept};
+
+enum Reader { kU32, kI32, kU64, kU16, kU8, kBool };
+const char *reader_name(Reader r) {
+  static const char *const names[] = {"Uint32", "Int32", "Uint64", "Uint16", "Uint8", "Boolean"};
+  return names[r];
+}
+
+// Runs one typed reader on option `option` of section 'v' in "types", with a
+// preset `out`; returns the result, and the value as read (or kKept).
+Want read_typed(Reader r, const char *option) {
+  auto finish = [](int rc, auto got, auto preset) {
+    return Want{rc, got == preset ? kKept : static_cast<long long>(got)};
+  };
+  const char *c = "types";
+  switch (r) {
+    case kU32: {
+      uint32_t v = 0xA5A5A5A5u;
+      int rc = uciGetOptionUint32(c, nullptr, "v", option, &v);
+      return finish(rc, v, 0xA5A5A5A5u);
+    }
+    case kI32: {
+      int v = -12345;
+      int rc = uciGetOptionInt32(c, nullptr, "v", option, &v);
+      return finish(rc, v, -12345);
+    }
+    case kU64: {
+      uint64_t v = 0xA5A5A5A5A5A5A5A5ull;
+      int rc = uciGetOptionUint64(c, nullptr, "v", option, &v);
+      if (v == 0xA5A5A5A5A5A5A5A5ull) return Want{rc, kKept};
+      // Values above LLONG_MAX compare through their bit pattern.
+      return Want{rc, static_cast<long long>(v)};
+    }
+    case kU16: {
+      uint16_t v = 0xA5A5;
+      int rc = uciGetOptionUint16(c, nullptr, "v", option, &v);
+      return finish(rc, v, static_cast<uint16_t>(0xA5A5));
+    }
+    case kU8: {
+      uint8_t v = 0xA5;
+      int rc = uciGetOptionUint8(c, nullptr, "v", option, &v);
+      return finish(rc, v, static_cast<uint8_t>(0xA5));
+    }
+    case kBool: {
+      uint8_t v = 9;
+      int rc = uciGetOptionBoolean(c, nullptr, "v", option, &v);
+      return finish(rc, v, static_cast<uint8_t>(9));
+    }
+  }
+  return kFail;
+}
+
+struct TypedRow {
+  Reader reader;
+  const char *text;  // nullptr: the option is missing
+  Want want;
+};
+
+const std::string k15Zeros7 = std::string(15, '0') + "7";  // 16 characters
+const std::string k29Zeros7 = std::string(29, '0') + "7";  // 30: still fits Uint32
+const std::string k30Zeros7 = std::string(30, '0') + "7";  // 31: cut to 30 zeros
+const std::string k13Zeros7 = std::string(13, '0') + "7";  // 14: fits Int32
+const std::string k21Zeros7 = std::string(21, '0') + "7";  // 22: fits Uint64
+const std::string k22Zeros7 = std::string(22, '0') + "7";  // 23: cut
+
+const TypedRow kTypedRows[] = {
+    {kU32, "4294967295", {0, 4294967295LL}},
+    {kU32, "12abc", {0, 12}},
+    {kU32, "abc", kFail},
+    {kU32, k29Zeros7.c_str(), {0, 7}},
+    {kU32, k30Zeros7.c_str(), {0, 0}},
+    {kU32, nullptr, kFail},
+
+    {kI32, "-2147483648", {0, INT_MIN}},
+    {kI32, "12abc", {0, 12}},
+    // Int32 and Uint64 don't look at sscanf's count: 0, out left alone.
+    {kI32, "abc", {0, kKept}},
+    {kI32, k13Zeros7.c_str(), {0, 7}},
+    {kI32, k15Zeros7.c_str(), {0, 0}},
+    {kI32, nullptr, kFail},
+
+    {kU64, "18446744073709551615", {0, -1}},
+    {kU64, "12abc", {0, 12}},
+    {kU64, "abc", {0, kKept}},
+    {kU64, k21Zeros7.c_str(), {0, 7}},
+    {kU64, k22Zeros7.c_str(), {0, 0}},
+    {kU64, nullptr, kFail},
+
+    {kU16, "65535", {0, 65535}},
+    {kU16, "12abc", {0, 12}},
+    {kU16, "abc", kFail},
+    {kU16, nullptr, kFail},
+
+    // Signed format, low 8 bits kept.
+    {kU8, "-1", {0, 255}},
+    {kU8, "300", {0, 44}},
+    {kU8, "-56", {0, 200}},
+    {kU8, "12abc", {0, 12}},
+    {kU8, "abc", kFail},
+    {kU8, nullptr, kFail},
+
+    // Every readable text stores something; only "true" and "1" store 1.
+    {kBool, "true", {0, 1}},
+    {kBool, "1", {0, 1}},
+    {kBool, "yes", {0, 0}},
+    {kBool, "false", {0, 0}},
+    {kBool, "TRUE", {0, 0}},
+    {kBool, nullptr, kFail},
+};
+
+TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
+  std::string conf = "config values 'v'\n";
+  for (size_t i = 0; i < std::size(kTypedRows); ++i)
+    if (kTypedRows[i].text != nullptr)
+      conf += "\toption t" + std::to_string(i) + " '" + kTypedRows[i].text + "'\n";
+  put("types", conf);
+
+  for (size_t i = 0; i < std::size(kTypedRows); ++i) {
+    const TypedRow &row = kTypedRows[i];
+    std::string option = "t" + std::to_string(i);
+    Want got = read_typed(row.reader, option.c_str());
+    SCOPED_TRACE(std::string(reader_name(row.reader)) + " on " + (row.text ? row.text : "(missing)"));
+    EXPECT_EQ(got.rc, row.want.rc);
+    EXPECT_EQ(got.value, row.want.value);
+  }
+}
+
+TEST_F(OneShot, EnabledReadsTheOptionEnabled) {
+  put("svc", "config service 'a'\n\toption enabled '1'\n\nconfig service 'b'\n\toption enabled 'no'\n");
+  uint8_t v = 9;
+  EXPECT_EQ(uciGetOptionEnabled("svc", nullptr, "a", &v), 0);
+  EXPECT_EQ(v, 1);
+  EXPECT_EQ(uciGetOptionEnabled("svc", nullptr, "b", &v), 0);
+  EXPECT_EQ(v, 0);
+  v = 9;
+  EXPECT_EQ(uciGetOptionEnabled("svc", nullptr, "c", &v), -1);
+  EXPECT_EQ(v, 9);
+}
+
+// ---- writer ------------------------------------------------------------------
+
+TEST_F(OneShot, WriteIsCommittedToTheFirstMatchingSection) {
+  EXPECT_EQ(uciSetOptionString("network", "interface", nullptr, "mtu", "1400", 4), 0);
+  // The option didn't exist anywhere: it goes into the first match only.
+  EXPECT_EQ(stored("network", "wan", "mtu"), "1400");
+  EXPECT_EQ(stored("network", "lan", "mtu"), "<absent>");
+  EXPECT_EQ(get("interface", nullptr, "mtu"), "1400");
+
+  EXPECT_EQ(uciSetOptionString("network", nullptr, "lan", "proto", "dhcp", 1), 0);
+  EXPECT_EQ(stored("network", "lan", "proto"), "dhcp");
+
+  // Committed to the file itself, with nothing left pending.
+  std::string text = read_file(conf_path("network"));
+  EXPECT_NE(text.find("config interface 'wan'\n\toption proto 'dhcp'\n\toption mtu '1400'\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("config interface 'lan'\n\toption proto 'dhcp'\n"), std::string::npos)
+      << text;
+  EXPECT_EQ(read_file(std::string(rktest::kSaveDir) + "/network"), "");
+}
+
+TEST_F(OneShot, TypedWritersStoreTheirText) {
+  const struct {
+    const char *option;
+    int rc;
+    const char *want;
+  } rows[] = {
+      {"min", uciSetOptionInt32("network", nullptr, "sw0", "min", INT_MIN), "-2147483648"},
+      {"max", uciSetOptionInt32("network", nullptr, "sw0", "max", INT_MAX), "2147483647"},
+      {"zero", uciSetOptionInt32("network", nullptr, "sw0", "zero", 0), "0"},
+      {"yes", uciSetOptionBoolean("network", nullptr, "sw0", "yes", 1), "true"},
+      {"no", uciSetOptionBoolean("network", nullptr, "sw0", "no", 0), "false"},
+      {"enabled", uciSetOptionEnabled("network", nullptr, "sw0", 0x80), "true"},
+  };
+  for (const auto &r : rows) {
+    EXPECT_EQ(r.rc, 0) << r.option;
+    EXPECT_EQ(stored("network", "sw0", r.option), r.want) << r.option;
+  }
+}
+
+TEST_F(OneShot, BooleanWriterLooksAtTheLowByteOnly) {
+  // 256 arrives as a flag byte of 0: "false", unlike uciSetBoolean.
+  int wide = 256;
+  EXPECT_EQ(uciSetOptionBoolean("network", nullptr, "sw0", "flag", static_cast<uint8_t>(wide)),
+            0);
+  EXPECT_EQ(stored("network", "sw0", "flag"), "false");
+  uint8_t v = 9;
+  EXPECT_EQ(uciGetOptionBoolean("network", nullptr, "sw0", "flag", &v), 0);
+  EXPECT_EQ(v, 0);
+}
+
+TEST_F(OneShot, WriterWithoutAMatchChangesNothing) {
+  const std::string before = read_file(conf_path("network"));
+  EXPECT_EQ(uciSetOptionString("network", "route", nullptr, "x", "1", 1), -1);
+  EXPECT_EQ(uciSetOptionString("network", "interface", "sw0", "x", "1", 1), -1);
+  EXPECT_EQ(uciSetOptionString("missing", "interface", nullptr, "x", "1", 1), -1);
+  put("empty", "");
+  EXPECT_EQ(uciSetOptionString("empty", "interface", nullptr, "x", "1", 1), -1);
+  EXPECT_EQ(read_file(conf_path("network")), before);
+  EXPECT_FALSE(std::filesystem::exists(conf_path("missing")));
+}
+
+TEST_F(OneShot, FailedCommitRevertsAndReportsFailure) {
+  const std::string before = read_file(conf_path("network"));
+  {
+    rktest::ReadOnlyDir ro(rktest::kConfDir);
+    ASSERT_TRUE(ro.ok());
+    EXPECT_EQ(uciSetOptionString("network", nullptr, "lan", "proto", "pppoe", 5), -1);
+    EXPECT_EQ(uciSetOptionInt32("network", nullptr, "lan", "mtu", 1492), -1);
+  }
+  EXPECT_EQ(read_file(conf_path("network")), before);
+  // Nothing of the change survives: not in the file, not pending for a later
+  // context. (That the revert is asked for is checked in uci_calls_test.)
+  EXPECT_EQ(stored("network", "lan", "proto"), "static");
+  EXPECT_EQ(stored("network", "lan", "mtu"), "<absent>");
+  EXPECT_EQ(read_file(std::string(rktest::kSaveDir) + "/network").find("lan"), std::string::npos);
+}
+
+TEST_F(OneShot, CommitFailingAfterTheReloadStillReverts) {
+  // The file itself stays writable but its directory doesn't: libuci gets
+  // as far as reloading the package (freeing the one the section came from)
+  // before writing the new file fails.
+  const std::string before = read_file(conf_path("network"));
+  {
+    rktest::ReadOnlyDir ro(rktest::kConfDir, conf_path("network"));
+    ASSERT_TRUE(ro.ok());
+    EXPECT_EQ(uciSetOptionString("network", "interface", nullptr, "proto", "pppoe", 5), -1);
+  }
+  EXPECT_EQ(read_file(conf_path("network")), before);
+  EXPECT_EQ(stored("network", "wan", "proto"), "dhcp");
+}
+
+}  // namespace

@@ -141,8 +141,8 @@ RK_API int uciSetOptionEnabled(const char *config, const char *sectionType,
 
 /*
  * Typed readers. Each converts at most a fixed number of leading characters
- * (Uint32, Uint16: 30; Int32, Uint64, Uint8, Boolean: 14); a longer text is
- * cut silently. A text that doesn't convert gives -1 with `out` untouched,
+ * (Uint32, Uint16: 30; Uint64: 22; Int32, Uint8, Boolean: 14); a longer text
+ * is cut silently. A text that doesn't convert gives -1 with `out` untouched,
  * except in uciGetOptionInt32 and uciGetOptionUint64, which give 0 and leave
  * `out` untouched (preset `out` to notice).
  */

@@ -1,0 +1,157 @@
+// Fuzz entry for the DNS client's answer processing: arbitrary bytes as a
+// received datagram, handed to a real context, either straight to the
+// datagram processing (with an IPv4, IPv6 or no sender) or through the
+// context's own IPv4 socket. Shared by the libFuzzer target and the plain
+// corpus replay that runs in every build.
+//
+// Input layout: byte 0 chooses the way in, the rest is the datagram.
+//   bits 0-1  0: processDatagram, sender 127.0.0.1   1: sender ::1
+//             2: no sender (AF_UNSPEC)               3: through the socket
+//             (a datagram too large for UDP over IPv4 goes the first way)
+//   bit 2     afterwards look the last delivered name up again, so the
+//             cache is read with the names the datagram produced
+//
+// The context's identifier is pinned to 12 34, so inputs replay the same in
+// every process. The callback checks what the daemon relies on: a name of
+// at most 253 characters, 1 to 16 slots from a datagram (up to 73 from the
+// cache), families 2 and 10 only.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "dns/internal.h"
+#include "syslog_capture.h"
+
+#include <routerkit/async_dns.h>
+
+namespace {
+
+constexpr size_t kMaxUdp4Payload = 65507;
+
+struct FuzzState {
+  AsyncDnsContext *ctx = nullptr;
+  int sender = -1;        // our socket that sends to the context's IPv4 socket
+  sockaddr_in target{};   // where the context's IPv4 socket is bound
+  std::string lastName;
+  bool fromCache = false;
+};
+
+FuzzState &state();
+
+[[noreturn]] void fail(const char *what) {
+  fprintf(stderr, "dns fuzz: %s\n", what);
+  abort();
+}
+
+int onAnswer(AsyncDnsContext *context, const char *name, DnsResult *result) {
+  FuzzState &s = state();
+  if (context != s.ctx) fail("callback with a foreign context");
+  if (!name || !result) fail("callback without name or result");
+  size_t len = strnlen(name, 256);
+  if (len > 253) fail("name longer than 253 characters");
+  const int32_t maxSlots = s.fromCache ? 73 : 16;
+  if (result->count < 1 || result->count > maxSlots) fail("slot count out of range");
+  unsigned sum = 0;
+  for (int32_t i = 0; i < result->count; ++i) {
+    const DnsAddressEntry &e = result->slots[i];
+    if (e.family != AF_INET && e.family != AF_INET6) fail("slot of an unknown family");
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&e);
+    for (size_t b = 0; b < sizeof e; ++b) sum += bytes[b];
+  }
+  if (!s.fromCache) s.lastName.assign(name, len);
+  return static_cast<int>(sum & 1);
+}
+
+FuzzState &state() {
+  static FuzzState s = [] {
+    FuzzState f;
+    // The library logs every refused datagram; inside the test namespace
+    // syslog goes nowhere (the messages are still formatted), outside of it
+    // we refuse to run rather than flood the machine's log.
+    if (!rk::test::silenceSyslog()) fail("run this through tests/support/rk-ns-run");
+    uloop_init();
+    f.ctx = asyncDns_create(&onAnswer);
+    if (!f.ctx) fail("asyncDns_create failed");
+    f.ctx->id = htons(0x1234);
+    f.target.sin_family = AF_INET;
+    f.target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof f.target;
+    if (bind(f.ctx->dnsSock.fd, reinterpret_cast<sockaddr *>(&f.target), sizeof f.target) != 0 ||
+        getsockname(f.ctx->dnsSock.fd, reinterpret_cast<sockaddr *>(&f.target), &len) != 0)
+      fail("cannot bind the context's socket");
+    f.sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    from.sin_port = htons(53);
+    from.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (f.sender < 0 || bind(f.sender, reinterpret_cast<sockaddr *>(&from), sizeof from) != 0)
+      fail("cannot bind 127.0.0.1:53 for sending");
+    return f;
+  }();
+  return s;
+}
+
+sockaddr_storage senderOf(unsigned way) {
+  sockaddr_storage ss{};
+  if (way == 0) {
+    auto &s4 = reinterpret_cast<sockaddr_in &>(ss);
+    s4.sin_family = AF_INET;
+    s4.sin_port = htons(53);
+    s4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  } else if (way == 1) {
+    auto &s6 = reinterpret_cast<sockaddr_in6 &>(ss);
+    s6.sin6_family = AF_INET6;
+    s6.sin6_port = htons(53);
+    s6.sin6_addr = in6addr_loopback;
+  }
+  return ss;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size < 1) return 0;
+  FuzzState &s = state();
+  const unsigned way = data[0] & 3;
+  const bool lookUpAgain = data[0] & 4;
+  const size_t len = size - 1;
+  s.lastName.clear();
+  s.fromCache = false;
+
+  if (way == 3 && len <= kMaxUdp4Payload) {
+    if (sendto(s.sender, data + 1, len, 0, reinterpret_cast<sockaddr *>(&s.target), sizeof s.target) !=
+        static_cast<ssize_t>(len))
+      fail("sendto failed");
+    pollfd p{s.ctx->dnsSock.fd, POLLIN, 0};
+    if (poll(&p, 1, 1000) != 1) fail("datagram did not arrive");
+    int rc = rk::dns::checkDnsSocket(s.ctx, s.ctx->dnsSock.fd);
+    if (rc != 0 && rc != -1) fail("checkDnsSocket result");
+  } else {
+    // An exact-size heap copy, so that any read past the datagram is caught.
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[len ? len : 1]);
+    if (len) memcpy(copy.get(), data + 1, len);
+    sockaddr_storage from = senderOf(way == 3 ? 0 : way);
+    int rc = rk::dns::processDatagram(s.ctx, copy.get(), len, &from);
+    if (rc != 0 && rc != -1) fail("processDatagram result");
+  }
+
+  if (lookUpAgain && !s.lastName.empty()) {
+    // No servers: a miss sends nothing, a hit runs the callback inside.
+    s.fromCache = true;
+    if (asyncLookup(s.ctx, s.lastName.c_str()) != 0) fail("asyncLookup of a delivered name failed");
+    s.fromCache = false;
+  }
+  asyncDns_cleanCache(s.ctx);
+  return 0;
+}

@@ -14,7 +14,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -45,26 +44,36 @@ class SyslogSink {
 
   std::vector<std::string> drain() {
     std::vector<std::string> out;
-    static const std::regex line(R"(^<(\d+)>.*?\[(\w+):\d+\](.*)$)");
     char buf[4096];
     for (;;) {
       const ssize_t n = recv(fd_, buf, sizeof buf - 1, 0);
       if (n <= 0) break;
       std::string text(buf, static_cast<size_t>(n));
       while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) text.pop_back();
-      std::smatch m;
-      if (!std::regex_match(text, m, line)) {
-        out.push_back("unparsed " + text);
-        continue;
-      }
-      const int severity = std::stoi(m[1]) & 7;
-      const char *level = severity == 6 ? "info" : severity == 3 ? "error" : "other";
-      out.push_back(std::string(level) + " [" + m[2].str() + "]" + m[3].str());
+      out.push_back(normalize(text));
     }
     return out;
   }
 
  private:
+  // "<134>Jan  1 00:00:00 ident[42]: [checkDnsSocket:120]error size(20)"
+  // becomes "info [checkDnsSocket]error size(20)": line numbers are no contract.
+  static std::string normalize(const std::string &text) {
+    if (text.size() < 3 || text[0] != '<') return "unparsed " + text;
+    const int severity = atoi(text.c_str() + 1) & 7;
+    const char *level = severity == 6 ? "info" : severity == 3 ? "error" : "other";
+    for (size_t open = text.find('['); open != std::string::npos; open = text.find('[', open + 1)) {
+      size_t i = open + 1;
+      while (i < text.size() && (isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_')) ++i;
+      if (i == open + 1 || i >= text.size() || text[i] != ':') continue;
+      const size_t colon = i++;
+      while (i < text.size() && isdigit(static_cast<unsigned char>(text[i]))) ++i;
+      if (i == colon + 1 || i >= text.size() || text[i] != ']') continue;
+      return std::string(level) + " " + text.substr(open, colon - open) + "]" + text.substr(i + 1);
+    }
+    return "unparsed " + text;
+  }
+
   int fd_ = -1;
 };
 

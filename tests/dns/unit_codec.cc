@@ -210,8 +210,8 @@ TEST(DnsLabelDecoder, BoundedViewReadsZerosBehindItsEnd) {
   for (const Row &row : rows) {
     const Bytes labels = bytes(row.labels);
     ASSERT_EQ(labels.size(), row.viewSize);
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[labels.size() + 1]);
-    memcpy(copy.get(), labels.data(), labels.size());
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[labels.size()]);
+    if (!labels.empty()) memcpy(copy.get(), labels.data(), labels.size());
     char out[rk::dns::kNameBufferSize];
     const size_t length = rk::dns::ChangeLabelsToDnsName(out, WireView(copy.get(), row.viewSize));
     EXPECT_EQ(std::string(out), row.text) << row.labels;

@@ -3,6 +3,7 @@
 // at /dev/log) or install a /usr/bin/factory run in the private namespaces.
 #include <routerkit/config.h>
 
+#include <sys/syscall.h>
 #include <syslog.h>
 
 #include <optional>
@@ -33,9 +34,9 @@ struct Out {
 
 class KvTest : public ::testing::Test {
  protected:
-  void SetUp() override { fds_ = rk_test::OpenDescriptorCount(); }
+  void SetUp() override { fds_ = rk::test::OpenFdCount(); }
   // Every path out of the readers closes what they opened.
-  void TearDown() override { EXPECT_EQ(rk_test::OpenDescriptorCount(), fds_); }
+  void TearDown() override { EXPECT_EQ(rk::test::OpenFdCount(), fds_); }
   int fds_ = 0;
 };
 
@@ -95,11 +96,11 @@ const FileCase kFileCases[] = {
 class FileValueTest : public KvTest {};
 
 TEST_F(FileValueTest, LineFormsAndEdges) {
-  rk_test::TempDir dir;
+  rk::test::TempDir dir;
   const std::string path = dir / "values";
   for (const FileCase &c : kFileCases) {
     SCOPED_TRACE(c.what);
-    rk_test::WriteFile(path, c.content);
+    ASSERT_TRUE(rk::test::WriteFile(path, c.content));
     Out out;
     EXPECT_EQ(getValueFromFile(path.c_str(), c.key.c_str(), out.bytes, c.size), c.result);
     if (c.out)
@@ -113,9 +114,9 @@ TEST_F(FileValueTest, BadArgumentsAreLoggedAndRefused) {
   RK_REQUIRE_NAMESPACE();
   rk_test::SyslogSink sink;
   ASSERT_TRUE(sink.bound());
-  rk_test::TempDir dir;
+  rk::test::TempDir dir;
   const std::string path = dir / "values";
-  rk_test::WriteFile(path, "a=1\n");
+  ASSERT_TRUE(rk::test::WriteFile(path, "a=1\n"));
 
   struct Case {
     const char *path;
@@ -160,7 +161,7 @@ TEST_F(FileValueTest, UnreadableFileIsLoggedAndRefused) {
 
 TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
   RK_REQUIRE_NAMESPACE();
-  rk_test::WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n");
+  ASSERT_TRUE(rk::test::WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n"));
   Out out;
   EXPECT_EQ(getValueFromFile("/etc/version", "firmware_version", out.bytes, 64), 5);
   EXPECT_EQ(out.text(), "1.2.3");
@@ -171,14 +172,14 @@ TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
 // Installs a /usr/bin/factory that prints `output` and exits with `status`,
 // and records its arguments in /tmp/factory.args.
 void InstallTool(const std::string &output, int status = 0) {
-  rk_test::WriteFile("/tmp/factory.out", output);
+  ASSERT_TRUE(rk::test::WriteFile("/tmp/factory.out", output));
   unlink("/tmp/factory.args");
-  rk_test::WriteFile("/usr/bin/factory",
-                     "#!/bin/sh\n"
-                     "printf '%s' \"$*\" > /tmp/factory.args\n"
-                     "cat /tmp/factory.out\n"
-                     "exit " + std::to_string(status) + "\n",
-                     0755);
+  ASSERT_TRUE(rk::test::WriteFile("/usr/bin/factory",
+                                  "#!/bin/sh\n"
+                                  "printf '%s' \"$*\" > /tmp/factory.args\n"
+                                  "cat /tmp/factory.out\n"
+                                  "exit " + std::to_string(status) + "\n",
+                                  0755));
 }
 
 struct ToolCase {
@@ -226,7 +227,7 @@ TEST_F(FactoryTest, OutputFormsAndEdges) {
       EXPECT_EQ(out.text(), *c.out);
     else
       EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show sn");
+    EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show sn");
   }
 }
 
@@ -249,6 +250,17 @@ TEST_F(FactoryTest, MissingToolGivesMinusOne) {
   EXPECT_TRUE(out.untouched());
 }
 
+TEST_F(FactoryTest, FailedStartGivesMinusOne) {
+  InstallTool("sn=ABC\n");
+  Out out;
+  // No pipe for popen: the tool never starts.
+  const int code = rk_test::RunInChild([&] {
+    if (!rk_test::FailSyscall(SYS_pipe2, EMFILE)) return 2;
+    return getFactoryValue("sn", out.bytes, 64) == -1 && out.untouched() ? 0 : 1;
+  });
+  EXPECT_EQ(code, 0);
+}
+
 TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
   InstallTool("sn=ABC\n");
   rk_test::SyslogSink sink;  // and log nothing
@@ -259,7 +271,7 @@ TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
   EXPECT_EQ(getFactoryValue("sn", out.bytes, 0), -1);
   EXPECT_EQ(getFactoryValue("sn", out.bytes, -5), -1);
   EXPECT_TRUE(out.untouched());
-  EXPECT_FALSE(rk_test::Exists("/tmp/factory.args"));
+  EXPECT_FALSE(rk::test::FileExists("/tmp/factory.args"));
   EXPECT_FALSE(sink.Next());
 }
 
@@ -269,7 +281,7 @@ TEST_F(FactoryTest, LongKeyIsCutWithTheCommandAt255Bytes) {
   Out out;
   EXPECT_EQ(getFactoryValue(key.c_str(), out.bytes, 64), 0);
   const size_t prefix = strlen("/usr/bin/factory show ");
-  EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
+  EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
 }
 
 TEST_F(FactoryTest, ProvinceCode) {
@@ -277,7 +289,7 @@ TEST_F(FactoryTest, ProvinceCode) {
   Out out;
   EXPECT_EQ(getTheProvinceCode(out.bytes, 64), 0);
   EXPECT_EQ(out.text(), "31");
-  EXPECT_EQ(rk_test::ReadFile("/tmp/factory.args"), "show provinceCode");
+  EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show provinceCode");
 
   // Every failure leaves an empty string.
   InstallTool("no value here\n");

@@ -23,3 +23,11 @@ endforeach()
 rk_add_gtest(rk_diag_logfile_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/log_file_test.cc
   LIBS routerkit_obj)
+
+# Forked children end with _exit; in a coverage build they write their
+# counters first.
+if(ROUTERKIT_COVERAGE)
+  foreach(t rk_diag_log_test rk_diag_clock_test rk_diag_logfile_test)
+    target_compile_definitions(${t} PRIVATE RK_GCOV_DUMP)
+  endforeach()
+endif()

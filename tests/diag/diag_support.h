@@ -1,21 +1,18 @@
 // Test helpers for logging and the readers built on it: a syslog receiver at
-// /dev/log, a capture of standard error, descriptor counts, temp dirs and
-// forked children. Header-only; also used by the key/value file tests.
+// /dev/log, a capture of standard error and forked children (with a seccomp
+// filter to make one system call fail). Header-only; also used by the
+// key/value file tests. File helpers come from tests/support.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,15 +21,18 @@
 #include <fstream>
 #include <functional>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
-// Set when the test program is built with gcov counters: a forked child
-// that ends with _exit must write its counters itself.
-extern "C" void __gcov_dump(void) __attribute__((weak));
+#include "rk_test_files.h"
+
+// In a build with gcov counters, a forked child that ends with _exit must
+// write its counters itself.
+#ifdef RK_GCOV_DUMP
+extern "C" void __gcov_dump(void);
+#endif
 
 namespace rk_test {
 
@@ -61,35 +61,6 @@ inline bool ClaimFreshProcess() {
       GTEST_SKIP() << "needs fresh logging state: run one test case per process";       \
   } while (0)
 
-inline std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-inline void WriteFile(const std::string &path, const std::string &content, mode_t mode = 0644) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
-  ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-  fchmod(fd, mode);
-  close(fd);
-}
-
-inline bool Exists(const std::string &path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-inline int OpenDescriptorCount() {
-  int n = 0;
-  if (DIR *d = opendir("/proc/self/fd")) {
-    while (readdir(d)) ++n;
-    closedir(d);
-  }
-  return n;
-}
-
 // The base name of the running test program, as the library cuts it.
 inline std::string OwnName() {
   char buf[4096] = {0};
@@ -97,26 +68,6 @@ inline std::string OwnName() {
   std::string path(buf);
   return path.substr(path.rfind('/') + 1).substr(0, 63);
 }
-
-class TempDir {
- public:
-  TempDir() {
-    char tmpl[] = "/tmp/rk-test-XXXXXX";
-    if (mkdtemp(tmpl)) path_ = tmpl;
-  }
-  ~TempDir() {
-    if (!path_.empty())
-      nftw(path_.c_str(), [](const char *p, const struct stat *, int, FTW *) { return remove(p); },
-           16, FTW_DEPTH | FTW_PHYS);
-  }
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
-  const std::string &path() const { return path_; }
-  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
 
 // Redirects standard error (descriptor 2) into memory for its lifetime.
 class StderrCapture {
@@ -220,7 +171,9 @@ inline pid_t StartChild(const std::function<int()> &body) {
   if (pid == 0) {
     int code = body();
     fflush(nullptr);
-    if (__gcov_dump) __gcov_dump();
+#ifdef RK_GCOV_DUMP
+    __gcov_dump();
+#endif
     _exit(code);
   }
   return pid;

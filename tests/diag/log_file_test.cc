@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,7 +18,7 @@
 
 namespace {
 
-using rk_test::ReadFile;
+using rk::test::ReadFile;
 
 const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
 constexpr off_t kLimit = 1048576;
@@ -39,14 +40,14 @@ class LogFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(dir_.path().empty());
-    fds_ = rk_test::OpenDescriptorCount();
+    fds_ = rk::test::OpenFdCount();
   }
   // Every message opens and closes its file: nothing may stay open.
-  void TearDown() override { EXPECT_EQ(rk_test::OpenDescriptorCount(), fds_); }
+  void TearDown() override { EXPECT_EQ(rk::test::OpenFdCount(), fds_); }
 
   std::string Pid() const { return std::to_string(getpid()); }
 
-  rk_test::TempDir dir_;
+  rk::test::TempDir dir_;
   std::string path_ = dir_ / "daemon.log";
   int fds_ = 0;
 };
@@ -82,7 +83,7 @@ TEST_F(LogFileTest, MessageIsStampedWithLocalTimeAndPid) {
 }
 
 TEST_F(LogFileTest, AppendsAndAddsNoNewline) {
-  rk_test::WriteFile(path_, "old line\n");
+  ASSERT_TRUE(rk::test::WriteFile(path_, "old line\n"));
   logfile_printf(path_.c_str(), "first %s", "half");
   logfile_printf(path_.c_str(), "%s\n", "second");
   const std::string expected =
@@ -109,7 +110,7 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
   for (Case c : {Case{0, false}, Case{kLimit - 1, false}, Case{kLimit, false},
                  Case{kLimit + 1, true}, Case{4 * kLimit, true}}) {
     SCOPED_TRACE(c.size);
-    rk_test::WriteFile(path_, "head\n");
+    ASSERT_TRUE(rk::test::WriteFile(path_, "head\n"));
     ASSERT_EQ(truncate(path_.c_str(), c.size), 0);
     logfile_printf(path_.c_str(), "next\n");
 
@@ -127,7 +128,7 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
 
 TEST_F(LogFileTest, SizeTestSeesTheSymbolicLinkNotItsTarget) {
   const std::string target = dir_ / "big.log";
-  rk_test::WriteFile(target, "");
+  ASSERT_TRUE(rk::test::WriteFile(target, ""));
   ASSERT_EQ(truncate(target.c_str(), 2 * kLimit), 0);
   ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
 
@@ -142,7 +143,7 @@ TEST_F(LogFileTest, MissingDirectoryIsReportedAndNotMade) {
   rk_test::StderrCapture err;
   logfile_printf(path.c_str(), "lost\n");
   EXPECT_EQ(err.Stop(), "open " + path + " fail, errno : No such file or directory\n");
-  EXPECT_FALSE(rk_test::Exists(dir_ / "missing"));
+  EXPECT_FALSE(rk::test::FileExists(dir_ / "missing"));
 }
 
 TEST_F(LogFileTest, FailedLockLosesTheMessage) {
@@ -150,9 +151,9 @@ TEST_F(LogFileTest, FailedLockLosesTheMessage) {
   int code = rk_test::RunInChild([&] {
     if (!freopen(err_file.c_str(), "w", stderr) || !rk_test::FailSyscall(SYS_flock, ENOLCK))
       return 2;
-    const int before = rk_test::OpenDescriptorCount();
+    const int before = rk::test::OpenFdCount();
     logfile_printf(path_.c_str(), "lost\n");
-    return rk_test::OpenDescriptorCount() == before ? 0 : 3;
+    return rk::test::OpenFdCount() == before ? 0 : 3;
   });
   ASSERT_EQ(code, 0);
   EXPECT_EQ(ReadFile(err_file), "flock " + path_ + " fail, errno : No locks available\n");

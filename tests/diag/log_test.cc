@@ -18,8 +18,8 @@
 
 namespace {
 
-using rk_test::Exists;
-using rk_test::ReadFile;
+using rk::test::FileExists;
+using rk::test::ReadFile;
 using rk_test::SyslogMessage;
 
 using LevelFn = int (*)(const char *, ...);
@@ -81,12 +81,12 @@ class LogTest : public ::testing::Test {
 TEST_F(LogTest, QuietCallsAtTheInitialLevelSetNothingUp) {
   // Even with the switch file there, a call below the level neither probes
   // it nor opens syslog nor makes the log directory.
-  rk_test::WriteFile(DebugFile(), "");
+  ASSERT_TRUE(rk::test::WriteFile(DebugFile(), ""));
   EXPECT_EQ(log_debug("debug %d", 1), 0);
   EXPECT_EQ(log_trace("trace %d", 2), 0);
 
   EXPECT_TRUE(Received().empty());
-  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_FALSE(FileExists("/tmp/log"));
   EXPECT_EQ(log_isLevelEnabled(4), 1);
   EXPECT_EQ(log_isLevelEnabled(5), 0);
   EXPECT_EQ(log_isLevelEnabled(6), 0);
@@ -103,11 +103,11 @@ TEST_F(LogTest, FirstPassingCallSetsUpSyslogAndTheLogDirectory) {
   EXPECT_TRUE(S_ISDIR(st.st_mode));
   EXPECT_EQ(st.st_mode & 07777, 0755u);
   // The file itself waits for the first file message.
-  EXPECT_FALSE(Exists(OwnLogFile()));
+  EXPECT_FALSE(FileExists(OwnLogFile()));
 }
 
 TEST_F(LogTest, DebugFileRaisesTheLevelAtSetUpAndCopiesToStderr) {
-  rk_test::WriteFile(DebugFile(), "content is never read");
+  ASSERT_TRUE(rk::test::WriteFile(DebugFile(), "content is never read"));
   rk_test::StderrCapture err;
 
   log_debug("first");  // tested against the level before set-up: dropped
@@ -150,20 +150,25 @@ TEST_F(LogTest, StoredLevelDecidesWhoEmits) {
 TEST_F(LogTest, NullFormatReturnsZeroWithoutSetUp) {
   for (const Leveled &l : kLeveled) EXPECT_EQ(l.fn(nullptr), 0) << l.name;
   EXPECT_TRUE(Received().empty());
-  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_FALSE(FileExists("/tmp/log"));
+
+  // Nor is anything sent when every level passes.
+  ASSERT_EQ(log_setLevel(UINT32_MAX), 0);
+  for (const Leveled &l : kLeveled) EXPECT_EQ(l.fn(nullptr), 0) << l.name;
+  EXPECT_TRUE(Received().empty());
 }
 
 TEST_F(LogTest, SetLevelAsFirstCallKeepsSyslogOffStderr) {
   rk_test::StderrCapture err;
   ASSERT_EQ(log_setLevel(6), 0);
-  EXPECT_TRUE(Exists("/tmp/log"));  // set-up ran, at level 4
+  EXPECT_TRUE(FileExists("/tmp/log"));  // set-up ran, at level 4
   log_debug("debug goes to syslog only");
   ExpectOne(LOG_DEBUG, "debug goes to syslog only");
   EXPECT_EQ(err.Stop(), "");
 }
 
 TEST_F(LogTest, DebugFileThenLowerLevelKeepsTheStderrCopy) {
-  rk_test::WriteFile(DebugFile(), "");
+  ASSERT_TRUE(rk::test::WriteFile(DebugFile(), ""));
   rk_test::StderrCapture err;
   ASSERT_EQ(log_setLevel(3), 0);
   EXPECT_EQ(log_isLevelEnabled(4), 0);  // the caller's level overrules the file
@@ -176,12 +181,12 @@ TEST_F(LogTest, DebugFileThenLowerLevelKeepsTheStderrCopy) {
 }
 
 TEST_F(LogTest, IsLevelEnabledDoesNotSetUp) {
-  rk_test::WriteFile(DebugFile(), "");
+  ASSERT_TRUE(rk::test::WriteFile(DebugFile(), ""));
   EXPECT_EQ(log_isLevelEnabled(0), 1);
   EXPECT_EQ(log_isLevelEnabled(4), 1);
   EXPECT_EQ(log_isLevelEnabled(5), 0);
   EXPECT_EQ(log_isLevelEnabled(6), 0);
-  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_FALSE(FileExists("/tmp/log"));
   EXPECT_TRUE(Received().empty());
 }
 
@@ -213,7 +218,7 @@ TEST_F(LogTest, NameSetFirstKeepsSetUpAway) {
   rk_test::StderrCapture err;
   log_printf_to_flash("lost %d\n", 1);  // there is no log file path
   EXPECT_TRUE(std::regex_match(err.Stop(), std::regex("open .* fail, errno : .+\n")));
-  EXPECT_FALSE(Exists("/tmp/log"));
+  EXPECT_FALSE(FileExists("/tmp/log"));
 }
 
 TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
@@ -226,7 +231,7 @@ TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
   ExpectOne(LOG_INFO, "second", "renamed");
   log_printf_to_flash("to the old file\n");
   EXPECT_NE(ReadFile(OwnLogFile()).find("to the old file\n"), std::string::npos);
-  EXPECT_FALSE(Exists("/tmp/log/renamed.log"));
+  EXPECT_FALSE(FileExists("/tmp/log/renamed.log"));
 
   // An empty name means "not set up": the next call takes the executable's
   // name again and remakes the directory.
@@ -235,7 +240,7 @@ TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
   ASSERT_EQ(log_setName(""), 0);
   log_info("third");
   ExpectOne(LOG_INFO, "third");
-  EXPECT_TRUE(Exists("/tmp/log"));
+  EXPECT_TRUE(FileExists("/tmp/log"));
   log_printf_to_flash("after %s\n", "restart");
   EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()),
                                std::regex(std::string(kStamp) + Pid() + " after restart\n")));
@@ -244,7 +249,7 @@ TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
 TEST_F(LogTest, UnreadableExecutableLinkLeavesTheNameEmptyUntilItWorks) {
   // Hide /proc/self/exe for a while (this mount namespace is the test's own).
   ASSERT_EQ(mount("rk-noproc", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno);
-  rk_test::WriteFile("/etc/.debug", "");  // the probe runs with the empty name
+  ASSERT_TRUE(rk::test::WriteFile("/etc/.debug", ""));  // probed with the empty name
   rk_test::StderrCapture err;
 
   log_info("nameless");
@@ -284,7 +289,7 @@ TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
 }
 
 TEST_F(LogTest, UnusableLogDirectoryLosesFileMessages) {
-  rk_test::WriteFile("/tmp/log", "a file where the directory should be");
+  ASSERT_TRUE(rk::test::WriteFile("/tmp/log", "a file where the directory should be"));
   rk_test::StderrCapture err;
   log_printf_to_flash("lost\n");
   EXPECT_EQ(err.Stop(), "open " + OwnLogFile() + " fail, errno : Not a directory\n");

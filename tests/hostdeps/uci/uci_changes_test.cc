@@ -290,6 +290,23 @@ TEST_F(UciChanges, PackageLoadedByPathIsWrittenAsIs) {
   EXPECT_EQ("\nconfig t 's'\n\toption a '22'\n\toption b '3'\n\n", ReadFile(Conf("direct")));
 }
 
+TEST_F(UciChanges, OverwriteWritesOnlyWhenChangeFilesHaveEntries) {
+  const char kText[] = "config interface 'lan'\n\toption proto static\n";
+  WriteFile(Conf("network"), kText);
+  uci_package *p = Load("network");
+  uci_package *held = p;
+  Set(p, "lan", "proto", "dhcp");
+  // Pending changes alone are not saved first: nothing is written.
+  ASSERT_EQ(UCI_OK, uci_commit(ctx_, &p, true));
+  EXPECT_EQ(held, p);
+  EXPECT_EQ(kText, ReadFile(Conf("network")));
+  // Once saved, the package is written as it is in memory.
+  ASSERT_EQ(UCI_OK, uci_save(ctx_, p));
+  ASSERT_EQ(UCI_OK, uci_commit(ctx_, &p, true));
+  EXPECT_EQ(held, p);
+  EXPECT_EQ("\nconfig interface 'lan'\n\toption proto 'dhcp'\n\n", ReadFile(Conf("network")));
+}
+
 TEST_F(UciChanges, RevertOneSectionPersistsTheOthers) {
   WriteFile(Conf("network"), "config interface 'lan'\n\toption proto static\n\toption mtu 1500\n"
                              "config interface 'wan'\n\toption proto dhcp\n");

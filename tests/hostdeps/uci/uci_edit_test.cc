@@ -1,6 +1,7 @@
 // Contexts, lookups, pointer resolution and the in-memory effect of the
 // editing operations, including the ones that free records a caller may
 // still hold.
+#include <stddef.h>
 #include <string.h>
 
 #include <string>
@@ -64,6 +65,37 @@ class UciEdit : public UciTest {
   uci_package *p_ = nullptr;
   uci_section *lan_ = nullptr;
 };
+
+TEST(UciRecords, PublicLayout) {
+  // Code built against either libuci steps through these fields directly.
+  EXPECT_EQ(32u, sizeof(uci_element));
+  EXPECT_EQ(0u, offsetof(uci_element, list));
+  EXPECT_EQ(16u, offsetof(uci_element, type));
+  EXPECT_EQ(24u, offsetof(uci_element, name));
+  EXPECT_EQ(72u, sizeof(uci_ptr));
+  EXPECT_EQ(0u, offsetof(uci_ptr, target));
+  EXPECT_EQ(4u, offsetof(uci_ptr, flags));
+  EXPECT_EQ(8u, offsetof(uci_ptr, p));
+  EXPECT_EQ(16u, offsetof(uci_ptr, s));
+  EXPECT_EQ(24u, offsetof(uci_ptr, o));
+  EXPECT_EQ(32u, offsetof(uci_ptr, last));
+  EXPECT_EQ(40u, offsetof(uci_ptr, package));
+  EXPECT_EQ(48u, offsetof(uci_ptr, section));
+  EXPECT_EQ(56u, offsetof(uci_ptr, option));
+  EXPECT_EQ(64u, offsetof(uci_ptr, value));
+  EXPECT_EQ(0u, offsetof(uci_package, e));
+  EXPECT_LT(offsetof(uci_package, sections), offsetof(uci_package, ctx));
+  EXPECT_LT(offsetof(uci_package, ctx), offsetof(uci_package, has_delta));
+  EXPECT_LT(offsetof(uci_package, has_delta), offsetof(uci_package, path));
+  EXPECT_EQ(0u, offsetof(uci_section, e));
+  EXPECT_LT(offsetof(uci_section, options), offsetof(uci_section, package));
+  EXPECT_LT(offsetof(uci_section, anonymous), offsetof(uci_section, type));
+  EXPECT_EQ(0u, offsetof(uci_option, e));
+  EXPECT_LT(offsetof(uci_option, section), offsetof(uci_option, type));
+  EXPECT_LT(offsetof(uci_option, type), offsetof(uci_option, v));
+  EXPECT_EQ(8, UCI_ERR_LAST);
+  EXPECT_EQ(7, UCI_TYPE_ITEM);
+}
 
 TEST(UciContext, Defaults) {
   uci_context *ctx = uci_alloc_context();
@@ -319,6 +351,22 @@ TEST_F(UciEdit, DeleteClearsThePointer) {
   EXPECT_EQ(nullptr, sec.s);
   EXPECT_EQ(nullptr, uci_lookup_section(ctx_, p_, "wan"));
   EXPECT_EQ(2, CountSections(p_));
+}
+
+TEST_F(UciEdit, AddSectionMakesAnAnonymousSection) {
+  uci_section *s = nullptr;
+  ASSERT_EQ(UCI_OK, uci_add_section(ctx_, p_, "rule", &s));
+  ASSERT_NE(nullptr, s);
+  EXPECT_TRUE(s->anonymous);
+  EXPECT_STREQ("rule", s->type);
+  EXPECT_EQ(s, uci_lookup_section(ctx_, p_, s->e.name));
+  uci_ptr ptr = On(s, "name", "added");
+  ASSERT_EQ(UCI_OK, uci_set(ctx_, &ptr));
+  ASSERT_EQ(UCI_OK, uci_commit(ctx_, &p_, false));
+  // Read back, its name follows the rule for anonymous sections in files.
+  const std::string committed = FreshDump("network");
+  EXPECT_EQ("rule cfg0392bd(anon)\n  src='lan'\nrule cfg0492bd(anon)\n  name='added'\n",
+            committed.substr(committed.find("rule ")));
 }
 
 }  // namespace

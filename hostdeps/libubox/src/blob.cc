@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <vector>
 
 // Wire and record layouts shared with the real library (LP64).
@@ -263,7 +262,7 @@ bool check_tree(const blob_attr *attr, bool need_name, size_t avail) noexcept {
       if (is_container(type))
         stack.push_back({value, value_len, type == BLOBMSG_TYPE_TABLE});
     }
-  } catch (const std::bad_alloc &) {
+  } catch (...) {  // out of memory for the walk: cannot vouch for the data
     return false;
   }
   return true;
@@ -418,6 +417,8 @@ void blob_nest_end(struct blob_buf *buf, void *cookie) {
   if (!cookie || !buf->head)
     return;
   auto offset = reinterpret_cast<uintptr_t>(cookie) - BLOB_COOKIE;
+  if (offset >= static_cast<uintptr_t>(buf->buflen))
+    return;  // not a cookie of this buffer
   auto *parent = reinterpret_cast<blob_attr *>(rk::base(buf) + offset);
   blob_attr *done = buf->head;
   buf->head = parent;

@@ -49,7 +49,7 @@ struct SavedSignal {
 
 int g_epoll = -1;
 int g_waker[2] = {-1, -1};
-int g_status;  // signal that ended the loop, 0 if none
+volatile sig_atomic_t g_status;  // signal that ended the loop, 0 if none
 LIST_HEAD(g_timeouts);
 Pending g_batch[kBatch];
 int g_batch_len;
@@ -359,6 +359,9 @@ int uloop_timeout_add(struct uloop_timeout *timeout) {
 int uloop_timeout_set(struct uloop_timeout *timeout, int msecs) {
   if (timeout->pending)
     uloop_timeout_cancel(timeout);
+  // A time in the past would stay due forever while its callback re-arms it.
+  if (msecs < 0)
+    msecs = 0;
   int64_t at = rk::now_us() + static_cast<int64_t>(msecs) * 1000;
   timeout->time.tv_sec = static_cast<time_t>(at / 1000000);
   timeout->time.tv_usec = static_cast<suseconds_t>(at % 1000000);

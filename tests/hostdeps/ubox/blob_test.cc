@@ -23,28 +23,24 @@ static_assert(offsetof(blob_buf, head) == 0 && offsetof(blob_buf, grow) == 8 &&
                   offsetof(blob_buf, buflen) == 16 && offsetof(blob_buf, buf) == 24,
               "blob_buf field order");
 
-TEST(BlobConstants, TypeNumbersOfBothLayers) {
-  struct Row {
-    int value;
-    int expected;
-  };
-  const Row rows[] = {
-      {BLOBMSG_TYPE_UNSPEC, 0}, {BLOBMSG_TYPE_ARRAY, 1},  {BLOBMSG_TYPE_TABLE, 2},
-      {BLOBMSG_TYPE_STRING, 3}, {BLOBMSG_TYPE_INT64, 4},  {BLOBMSG_TYPE_INT32, 5},
-      {BLOBMSG_TYPE_INT16, 6},  {BLOBMSG_TYPE_INT8, 7},   {BLOBMSG_TYPE_BOOL, 7},
-      {BLOBMSG_TYPE_DOUBLE, 8}, {__BLOBMSG_TYPE_LAST, 9}, {BLOBMSG_TYPE_LAST, 8},
-      {BLOBMSG_CAST_INT64, 9},  {BLOB_ATTR_UNSPEC, 0},    {BLOB_ATTR_NESTED, 1},
-      {BLOB_ATTR_BINARY, 2},    {BLOB_ATTR_STRING, 3},    {BLOB_ATTR_INT8, 4},
-      {BLOB_ATTR_INT16, 5},     {BLOB_ATTR_INT32, 6},     {BLOB_ATTR_INT64, 7},
-      {BLOB_ATTR_DOUBLE, 8},    {BLOB_ATTR_LAST, 9},
-  };
-  for (const Row &r : rows)
-    EXPECT_EQ(r.value, r.expected);
-  EXPECT_EQ(BLOB_COOKIE, 0x01234567);
-  EXPECT_EQ(BLOB_ATTR_EXTENDED, 0x80000000u);
-  EXPECT_EQ(BLOB_ATTR_ID_MASK, 0x7f000000);
-  EXPECT_EQ(BLOB_ATTR_LEN_MASK, 0x00ffffff);
-  EXPECT_EQ(BLOBMSG_PADDING(5), 8);
+// The two layers number their types differently; both are wire contract.
+static_assert(BLOBMSG_TYPE_UNSPEC == 0 && BLOBMSG_TYPE_ARRAY == 1 && BLOBMSG_TYPE_TABLE == 2 &&
+                  BLOBMSG_TYPE_STRING == 3 && BLOBMSG_TYPE_INT64 == 4 && BLOBMSG_TYPE_INT32 == 5 &&
+                  BLOBMSG_TYPE_INT16 == 6 && BLOBMSG_TYPE_INT8 == 7 && BLOBMSG_TYPE_BOOL == 7 &&
+                  BLOBMSG_TYPE_DOUBLE == 8 && __BLOBMSG_TYPE_LAST == 9 && BLOBMSG_TYPE_LAST == 8 &&
+                  BLOBMSG_CAST_INT64 == 9,
+              "blobmsg type numbers");
+static_assert(BLOB_ATTR_UNSPEC == 0 && BLOB_ATTR_NESTED == 1 && BLOB_ATTR_BINARY == 2 &&
+                  BLOB_ATTR_STRING == 3 && BLOB_ATTR_INT8 == 4 && BLOB_ATTR_INT16 == 5 &&
+                  BLOB_ATTR_INT32 == 6 && BLOB_ATTR_INT64 == 7 && BLOB_ATTR_DOUBLE == 8 &&
+                  BLOB_ATTR_LAST == 9,
+              "raw blob ids");
+static_assert(BLOB_COOKIE == 0x01234567 && BLOB_ATTR_EXTENDED == 0x80000000u &&
+                  BLOB_ATTR_ID_MASK == 0x7f000000 && BLOB_ATTR_LEN_MASK == 0x00ffffff &&
+                  BLOBMSG_PADDING(5) == 8,
+              "header constants");
+
+TEST(BlobmsgWire, NameHeaderLengths) {
   EXPECT_EQ(blobmsg_hdrlen(0), 4u);
   EXPECT_EQ(blobmsg_hdrlen(1), 4u);
   EXPECT_EQ(blobmsg_hdrlen(2), 8u);

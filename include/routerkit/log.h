@@ -1,14 +1,23 @@
 /*
  * routerkit: logging, the monotonic tick and the executable's own name.
  *
- * The leveled family (log_debug ... log_fatal) goes to syslog, filtered by a
- * process-wide level (4 at start: fatal, error, warn and info pass). The file
- * family appends "[YYYY-MM-DD hh:mm:ss] pid[(tid)] message" to a text file that
- * starts over once it has grown past 1 MiB. Nothing here adds a newline.
+ * The leveled family (log_debug ... log_fatal) goes to syslog (facility
+ * LOCAL0), filtered by a process-wide level: 4 at start, so fatal, error,
+ * warn and info pass. A message below the level costs one comparison. The
+ * file family appends "[YYYY-MM-DD hh:mm:ss] pid[(tid)] message" to a text
+ * file, opened and closed per message and guarded by flock; a file that has
+ * grown past 1 MiB starts over with the next message. Nothing here adds a
+ * newline.
  *
- * The first call that needs it sets logging up by itself: the name comes
- * from the executable, "/etc/<name>.debug" raises the level to 6, and the
- * process's log file is "/tmp/log/<name>.log".
+ * There is no start-up call. The first call that needs it (a leveled message
+ * that passes the level, log_setLevel, log_printf_to_flash) sets logging up:
+ * the name comes from the executable, "/etc/<name>.debug" raises the level
+ * to 6 and adds a copy of each syslog message on stderr, and the process's
+ * log file is "/tmp/log/<name>.log". A name given with log_setName before
+ * that keeps the set-up from ever running.
+ *
+ * The level, name and file path are process-wide and unguarded: set them
+ * before starting threads.
  */
 #ifndef ROUTERKIT_LOG_H
 #define ROUTERKIT_LOG_H
@@ -39,14 +48,20 @@ RK_API int log_error(const char *fmt, ...) RK_PRINTF(1, 2);
 /* Logs only; the process goes on. */
 RK_API int log_fatal(const char *fmt, ...) RK_PRINTF(1, 2);
 
-/* 1 when the stored level is at or above `level`, else 0. */
+/* 1 when the stored level is at or above `level`, else 0. Sets nothing up. */
 RK_API int log_isLevelEnabled(uint32_t level);
-/* Stores any value; always 0. */
+/* Sets logging up if needed, then stores any value; always 0. */
 RK_API int log_setLevel(uint32_t level);
-/* Stores at most 63 bytes of `name`; -1 for NULL. */
+/*
+ * Stores at most 63 bytes of `name` (the syslog ident); -1 for NULL. Nothing
+ * else: an empty name makes the next call set logging up again.
+ */
 RK_API int log_setName(const char *name);
 
-/* Append one message to `path` (not filtered by the level). */
+/*
+ * Append one message to `path` (not filtered by the level). Failures go to
+ * stderr only. The format must not be NULL here.
+ */
 RK_API void logfile_vprintf(const char *path, const char *fmt, va_list ap) RK_PRINTF(2, 0);
 RK_API void logfile_printf(const char *path, const char *fmt, ...) RK_PRINTF(2, 3);
 /* Append one message to the process's own log file under /tmp/log. */

@@ -80,7 +80,7 @@ void lazy_init() noexcept {
 
   // A failed mkdir shows up later, as the open failure of each file write.
   if (access(kLogDir, F_OK) != 0) mkdir(kLogDir, kLogDirMode);
-  snprintf(work.data(), work.size(), "%s/%s.log", kLogDir, g_name);
+  snprintf(work.data(), work.size(), "/tmp/log/%s.log", g_name);
   store_path(work.data());
 }
 

@@ -14,12 +14,6 @@
 
 namespace {
 
-#define RK_REQUIRE_NAMESPACE()                                                            \
-  do {                                                                                  \
-    if (!rk_test::InTestNamespace())                                                    \
-      GTEST_SKIP() << "writes fixed paths: run through ctest (tests/support/rk-ns-run)"; \
-  } while (0)
-
 constexpr char kFill = '#';
 constexpr int kOutCapacity = 128;
 

@@ -53,12 +53,17 @@ inline bool ClaimFreshProcess() {
   return !std::exchange(claimed, true);
 }
 
-#define RK_REQUIRE_FRESH_NAMESPACE()                                                       \
-  do {                                                                                   \
-    if (!rk_test::InTestNamespace())                                                     \
+#define RK_REQUIRE_NAMESPACE()                                                           \
+  do {                                                                                  \
+    if (!rk_test::InTestNamespace())                                                    \
       GTEST_SKIP() << "writes fixed paths: run through ctest (tests/support/rk-ns-run)"; \
-    if (!rk_test::ClaimFreshProcess())                                                   \
-      GTEST_SKIP() << "needs fresh logging state: run one test case per process";       \
+  } while (0)
+
+#define RK_REQUIRE_FRESH_NAMESPACE()                                               \
+  do {                                                                           \
+    RK_REQUIRE_NAMESPACE();                                                      \
+    if (!rk_test::ClaimFreshProcess())                                           \
+      GTEST_SKIP() << "needs fresh logging state: run one test case per process"; \
   } while (0)
 
 // The base name of the running test program, as the library cuts it.

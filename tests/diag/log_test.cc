@@ -180,16 +180,6 @@ TEST_F(LogTest, DebugFileThenLowerLevelKeepsTheStderrCopy) {
   EXPECT_EQ(err.Stop(), StderrCopy("kept"));
 }
 
-TEST_F(LogTest, IsLevelEnabledDoesNotSetUp) {
-  ASSERT_TRUE(rk::test::WriteFile(DebugFile(), ""));
-  EXPECT_EQ(log_isLevelEnabled(0), 1);
-  EXPECT_EQ(log_isLevelEnabled(4), 1);
-  EXPECT_EQ(log_isLevelEnabled(5), 0);
-  EXPECT_EQ(log_isLevelEnabled(6), 0);
-  EXPECT_FALSE(FileExists("/tmp/log"));
-  EXPECT_TRUE(Received().empty());
-}
-
 TEST_F(LogTest, SetNameStoresAtMost63BytesAndRefusesNull) {
   log_info("set up");
   ExpectOne(LOG_INFO, "set up");

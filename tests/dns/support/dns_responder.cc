@@ -220,7 +220,7 @@ bool DnsResponder::sendTo(const sockaddr_storage &toIn, socklen_t toLen, const B
 
 ThreadedResponder::ThreadedResponder() : ThreadedResponder(Options()) {}
 
-ThreadedResponder::ThreadedResponder(const Options &options) : options_(options) {
+ThreadedResponder::ThreadedResponder(const Options &options) : options_(options), ttl_(options.ttl) {
   int family = 0;
   std::string error;
   fd_ = openUdp(options_.address, options_.port, &family, &error);
@@ -241,8 +241,6 @@ void ThreadedResponder::run() {
   uint8_t v4[4], v6[16];
   inet_pton(AF_INET, options_.ipv4.c_str(), v4);
   inet_pton(AF_INET6, options_.ipv6.c_str(), v6);
-  const uint8_t ttl[4] = {static_cast<uint8_t>(options_.ttl >> 24), static_cast<uint8_t>(options_.ttl >> 16),
-                          static_cast<uint8_t>(options_.ttl >> 8), static_cast<uint8_t>(options_.ttl)};
   uint8_t buf[2048];
   while (!stop_.load(std::memory_order_relaxed)) {
     sockaddr_storage from;
@@ -273,7 +271,11 @@ void ThreadedResponder::run() {
       p[3] = static_cast<uint8_t>(qtype);
       p[4] = 0;
       p[5] = 1;
-      memcpy(p + 6, ttl, 4);
+      const uint32_t ttl = ttl_.load(std::memory_order_relaxed);
+      p[6] = static_cast<uint8_t>(ttl >> 24);
+      p[7] = static_cast<uint8_t>(ttl >> 16);
+      p[8] = static_cast<uint8_t>(ttl >> 8);
+      p[9] = static_cast<uint8_t>(ttl);
       p[10] = 0;
       p[11] = static_cast<uint8_t>(rdlen);
       memcpy(p + 12, rdata, rdlen);

@@ -107,6 +107,8 @@ class ThreadedResponder {
 
   bool ok() const { return fd_ >= 0; }
   uint64_t answered() const { return answered_.load(std::memory_order_relaxed); }
+  // The TTL of answers from now on.
+  void setTtl(uint32_t seconds) { ttl_.store(seconds, std::memory_order_relaxed); }
 
  private:
   void run();
@@ -115,6 +117,7 @@ class ThreadedResponder {
   int fd_ = -1;
   std::atomic<bool> stop_{false};
   std::atomic<uint64_t> answered_{0};
+  std::atomic<uint32_t> ttl_{0};
   std::thread thread_;
 };
 

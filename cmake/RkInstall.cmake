@@ -5,12 +5,27 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/routerkit
         FILES_MATCHING PATTERN "*.h")
 
 # Daemons run uloop and UCI beside the library, so the .pc file hands out both.
-set(RK_PC_LIBS "-lrouterkit -lubox -luci")
+set(RK_PC_LIBS "-lrouterkit")
+set(RK_PC_CFLAGS "")
 if(RK_USE_STANDINS)
   set(RK_PC_NOTE "host stand-ins for libubox and libuci are installed in this prefix")
 else()
   set(RK_PC_NOTE "built against the installed libubox and libuci")
+  # Real libraries outside the compiler's own search paths (a prefix given to
+  # CMake) are named in the .pc file, so a daemon finds them too.
+  foreach(dir ${RK_UBOX_INCLUDE_DIR} ${RK_UCI_INCLUDE_DIR})
+    if(NOT dir IN_LIST CMAKE_C_IMPLICIT_INCLUDE_DIRECTORIES AND NOT RK_PC_CFLAGS MATCHES "-I${dir}( |$)")
+      string(APPEND RK_PC_CFLAGS " -I${dir}")
+    endif()
+  endforeach()
+  foreach(lib ${RK_UBOX_LIBRARY} ${RK_UCI_LIBRARY})
+    get_filename_component(dir ${lib} DIRECTORY)
+    if(NOT dir IN_LIST CMAKE_C_IMPLICIT_LINK_DIRECTORIES AND NOT RK_PC_LIBS MATCHES "-L${dir}( |$)")
+      string(APPEND RK_PC_LIBS " -L${dir}")
+    endif()
+  endforeach()
 endif()
+string(APPEND RK_PC_LIBS " -lubox -luci")
 # The .pc file finds its prefix from where it lies, so an installed tree may move.
 file(RELATIVE_PATH RK_PC_UP "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" RK_PC_UP "${RK_PC_UP}")

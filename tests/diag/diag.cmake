@@ -1,8 +1,11 @@
 # Logging, the tick and the executable's own name.
 
 # A program the tests copy to chosen paths, to see how it finds its own name.
-add_executable(rk_diag_exe_probe ${CMAKE_CURRENT_LIST_DIR}/exe_probe.cc)
-target_link_libraries(rk_diag_exe_probe PRIVATE routerkit_obj)
+# It is built from the logging sources alone, with no libubox or libuci to
+# load, so it also runs inside a bare chroot.
+add_executable(rk_diag_exe_probe ${CMAKE_CURRENT_LIST_DIR}/exe_probe.cc
+               ${PROJECT_SOURCE_DIR}/src/diag/log.cc ${PROJECT_SOURCE_DIR}/src/diag/clock.cc)
+target_include_directories(rk_diag_exe_probe PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src)
 
 # Each case runs alone in private namespaces: logging state is process-wide,
 # and the cases write /etc, /tmp/log and /dev/log or change mounts.

@@ -1,5 +1,7 @@
 /* A daemon built against an installed prefix: runs a uloop with a DNS
  * client and reads a key/value file, as a real one would at start-up. */
+/* A daemon on Linux asks for POSIX; libubox's uloop.h needs struct sigaction. */
+#define _POSIX_C_SOURCE 200809L
 #include <routerkit/async_dns.h>
 #include <routerkit/config.h>
 #include <routerkit/log.h>

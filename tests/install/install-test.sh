@@ -22,4 +22,4 @@ libdir=$(pkg-config --variable=libdir routerkit)
 [ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }
 cc -std=c99 -Wall -Wextra -Werror -o "$prefix/app" "$src/tests/install/app.c" \
    $(pkg-config --cflags --libs routerkit)
-LD_LIBRARY_PATH="$libdir" "$prefix/app"
+LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$prefix/app"

@@ -308,6 +308,27 @@ TEST_F(AnswerTest, AnyoneWithTheIdentifierIsBelieved) {
   EXPECT_EQ(logs(), std::vector<std::string>{"I [checkDnsSocket:N]error size(5) from 127.0.0.9"});
 }
 
+TEST_F(AnswerTest, EmptyDatagramIsAFailedRead) {
+  ASSERT_TRUE(deliver(Bytes{}));
+  EXPECT_EQ(logs(), std::vector<std::string>{"E [checkDnsSocket:N]error recvfrom"});
+  EXPECT_TRUE(Recorder::answers().empty());
+}
+
+// The refusals before the answer loop are info, the broken records errors:
+// at level 3 a daemon sees only the latter.
+TEST_F(AnswerTest, LogLevelSelectsTheMessages) {
+  log_setLevel(3);
+  Bytes shortOne = reply().answer(Rr::A("192.0.2.1")).build();
+  shortOne.resize(20);
+  ASSERT_TRUE(deliver(shortOne));
+  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.1")).answer(Rr::AAAA("2001:db8::1").withRdlength(17)).build()));
+  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.2").withName("full.lan")).build()));
+  log_setLevel(4);
+  EXPECT_EQ(logs(), std::vector<std::string>{
+                        "E [checkDnsSocket:N]error protol(aaa.bbbbbbb.ccc,data_len:17,count:1/1) from 127.0.0.1"});
+  EXPECT_EQ(Recorder::lines(), (std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1", "full.lan: 192.0.2.2"}));
+}
+
 TEST_F(AnswerTest, CnameIsSkippedAndAddressesFiledUnderTheQuestion) {
   ASSERT_TRUE(deliver(reply("alias.lan")
                           .answer(Rr::CNAME("real.lan"))

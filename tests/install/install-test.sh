@@ -20,6 +20,6 @@ done
 export PKG_CONFIG_PATH="$pcdir"
 libdir=$(pkg-config --variable=libdir routerkit)
 [ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }
-cc -std=c99 -Wall -Wextra -Werror -o "$prefix/app" "$src/tests/install/app.c" \
+cc -std=c99 -Wall -Wextra -Werror ${RK_APP_CFLAGS:-} -o "$prefix/app" "$src/tests/install/app.c" \
    $(pkg-config --cflags --libs routerkit)
 LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$prefix/app"

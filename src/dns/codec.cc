@@ -6,10 +6,6 @@ namespace rk {
 namespace dns {
 namespace {
 
-// Past this index the decoder ends the text: 253 characters is the longest
-// dotted name DNS allows, and the output buffer holds 256 bytes.
-constexpr size_t kLastNameIndex = 253;
-
 void put16(uint8_t *p, uint16_t v) noexcept {
   p[0] = static_cast<uint8_t>(v >> 8);
   p[1] = static_cast<uint8_t>(v);
@@ -41,15 +37,13 @@ void ChangeNameToDnsLabels(uint8_t *out, const char *name, int32_t size) noexcep
 }
 
 size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept {
+  // Reaching index 254 ends the text exactly as a zero byte there would, so
+  // the input is taken as clipped to 254 bytes, with zeros behind the end.
+  const uint8_t *in = labels.at(0);
+  const size_t avail = labels.size() < kNameDecodeSpan ? labels.size() : kNameDecodeSpan;
   size_t pos = 0;
   for (;;) {
-    // Testing the index before reading the length byte gives the same text
-    // (both end it at out[253]) and keeps the read span at 254 bytes.
-    if (pos > kLastNameIndex) {
-      out[pos - 1] = '\0';
-      return pos - 1;
-    }
-    const uint8_t b = labels[pos];
+    const uint8_t b = pos < avail ? in[pos] : 0;
     if (b == 0) {
       const size_t end = pos == 0 ? 0 : pos - 1;
       out[end] = '\0';
@@ -57,15 +51,16 @@ size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept {
     }
     if (pos != 0) out[pos - 1] = '.';
     // The length byte is a plain count: a compression pointer is not followed.
-    for (size_t j = pos + 1; j <= pos + b; ++j) {
-      const uint8_t c = j > kLastNameIndex ? 0 : labels[j];
-      if (c == 0) {
-        out[j - 1] = '\0';
-        return j - 1;
-      }
-      out[j - 1] = static_cast<char>(c);
+    // Each character lands one place to the left of its input index.
+    const size_t last = pos + b;
+    const size_t stop = last < avail ? last + 1 : avail;
+    size_t j = pos + 1;
+    for (; j < stop && in[j] != 0; ++j) out[j - 1] = static_cast<char>(in[j]);
+    if (j < stop || last >= avail) {  // a zero byte inside the label, or the clip
+      out[j - 1] = '\0';
+      return j - 1;
     }
-    pos += static_cast<size_t>(b) + 1;
+    pos = last + 1;
   }
 }
 

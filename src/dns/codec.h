@@ -45,9 +45,14 @@ class WireView {
   constexpr uint8_t operator[](size_t off) const noexcept { return off < size_ ? data_[off] : 0; }
   // Network-order integers; bytes behind the end count as zero.
   constexpr uint16_t u16(size_t off) const noexcept {
+    if (off < size_ && size_ - off >= 2) return static_cast<uint16_t>(data_[off] << 8 | data_[off + 1]);
     return static_cast<uint16_t>((*this)[off] << 8 | (*this)[off + 1]);
   }
   constexpr uint32_t u32(size_t off) const noexcept {
+    if (off < size_ && size_ - off >= 4) {
+      return static_cast<uint32_t>(data_[off]) << 24 | static_cast<uint32_t>(data_[off + 1]) << 16 |
+             static_cast<uint32_t>(data_[off + 2]) << 8 | data_[off + 3];
+    }
     return static_cast<uint32_t>(u16(off)) << 16 | u16(off + 2);
   }
   // The bytes from `off` on; empty (not invalid) when `off` is at or behind the end.

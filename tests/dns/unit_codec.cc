@@ -219,6 +219,93 @@ TEST(DnsLabelDecoder, BoundedViewReadsZerosBehindItsEnd) {
   }
 }
 
+// The decoding rules step by step, reading a buffer that is zero behind the
+// datagram, as a receive buffer zeroed before each read would be.
+std::string referenceDecode(const uint8_t *labels) {
+  char out[256];
+  size_t pos = 0;
+  for (;;) {
+    const uint8_t b = labels[pos];
+    if (b == 0) {
+      out[pos == 0 ? 0 : pos - 1] = '\0';
+      break;
+    }
+    if (pos > 253) {
+      out[pos - 1] = '\0';
+      break;
+    }
+    if (pos != 0) out[pos - 1] = '.';
+    bool ended = false;
+    for (size_t j = pos + 1; j <= pos + b; ++j) {
+      if (labels[j] == 0 || j > 253) {
+        out[j - 1] = '\0';
+        ended = true;
+        break;
+      }
+      out[j - 1] = static_cast<char>(labels[j]);
+    }
+    if (ended) break;
+    pos += b + 1u;
+  }
+  return out;
+}
+
+TEST(DnsLabelDecoder, BoundedDecoderMatchesTheRulesOnAZeroFilledBuffer) {
+  // Random label soup, mostly small length bytes so that names get long,
+  // cut at every length; the bounded decoder gets exact-size heap copies.
+  uint32_t seed = 12345;
+  auto next = [&seed]() {
+    seed = seed * 1103515245u + 12345u;
+    return static_cast<uint8_t>(seed >> 16);
+  };
+  int clipped = 0;
+  int cutByEnd = 0;
+  for (int round = 0; round < 3000; ++round) {
+    Bytes input;
+    if (round % 2 == 0) {
+      // Label-shaped: lengths 1..63 with letters, now and then a stray zero
+      // or pointer byte, cut at a random length.
+      const size_t target = 1 + next() + next();
+      while (input.size() < target) {
+        const uint8_t length = static_cast<uint8_t>(1 + next() % 63);
+        input.push_back(length);
+        for (uint8_t i = 0; i < length; ++i) {
+          const uint8_t r = next();
+          input.push_back(r == 0 ? 0 : r == 1 ? 0xC0 : static_cast<uint8_t>('a' + r % 26));
+        }
+      }
+      input.resize(next() % 2 ? target : input.size());
+    } else {
+      // Soup: mostly small length bytes, letters, rare zeros and pointer bytes.
+      input.resize(next() + (round % 3 == 0 ? 200u : 0u));
+      for (uint8_t &b : input) {
+        const uint8_t r = next();
+        b = r < 40 ? static_cast<uint8_t>(1 + r % 12) : r < 42 ? 0 : r < 46 ? 0xC0 : static_cast<uint8_t>('a' + r % 26);
+      }
+    }
+    const size_t size = input.size();
+    std::vector<uint8_t> padded(input);
+    padded.resize(size + 600, 0);
+    const std::string expected = referenceDecode(padded.data());
+    clipped += expected.size() == 253;
+    cutByEnd += size < rk::dns::kNameDecodeSpan && expected.size() + 1 >= size && size > 0;
+
+    std::unique_ptr<uint8_t[]> copy(new uint8_t[size ? size : 1]);
+    if (size) memcpy(copy.get(), input.data(), size);
+    char out[rk::dns::kNameBufferSize];
+    const size_t length = rk::dns::ChangeLabelsToDnsName(out, WireView(copy.get(), size));
+    ASSERT_EQ(std::string(out), expected) << "round " << round << ": " << hex(input);
+    ASSERT_EQ(length, expected.size()) << "round " << round;
+    if (size >= rk::dns::kNameDecodeSpan) {
+      char out2[rk::dns::kNameBufferSize];
+      rk::dns::ChangeLabelsToDnsName(out2, copy.get());
+      ASSERT_EQ(std::string(out2), expected) << "round " << round;
+    }
+  }
+  EXPECT_GT(clipped, 50) << "names cut at 253 characters";
+  EXPECT_GT(cutByEnd, 50) << "names cut by the end of the bytes";
+}
+
 std::string reverse(const std::string &text, int32_t length, char *out = nullptr) {
   char local[300];
   if (out == nullptr) {

@@ -5,8 +5,6 @@
 // Runs in a private namespace (NAMESPACE flag): the messages go through
 // syslog, which this program receives on its own /dev/log.
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>

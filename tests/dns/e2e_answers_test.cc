@@ -3,6 +3,7 @@
 // into the cache. Every case is a crafted datagram from the responder's
 // port 53, followed by a sentinel, so "no callback" needs no timeout.
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -386,6 +387,36 @@ TEST_F(AnswerTest, AtMostSixteenAnswersAreLookedAt) {
   ASSERT_TRUE(deliver(p.build()));
   EXPECT_EQ(Recorder::lines(), std::vector<std::string>{want});
   EXPECT_EQ(logs(), std::vector<std::string>());
+}
+
+// The DnsResult of a datagram is one heap block of 4 + 28 * n bytes, n being
+// ANCOUNT cut to 16: 452 bytes for 40 answers, 60 for two.
+size_t g_resultBlock = 0;
+int measuringCallback(AsyncDnsContext *context, const char *name, DnsResult *result) {
+  if (std::string(name) != kSentinelName) g_resultBlock = malloc_usable_size(result);
+  return Recorder::callback(context, name, result);
+}
+
+class AnswerBlockTest : public DnsE2eTest {
+ protected:
+  void SetUp() override {
+    DnsE2eTest::SetUp();
+    context(&measuringCallback);
+    prime();
+  }
+};
+
+TEST_F(AnswerBlockTest, FourBytesAndTwentyEightPerAnswerLookedAt) {
+  for (const auto &[answers, bytes] : std::vector<std::pair<int, size_t>>{{40, 452}, {2, 60}, {16, 452}}) {
+    SCOPED_TRACE(answers);
+    DnsPacket p = reply();
+    for (int i = 0; i < answers; ++i) p.answer(Rr::A("10.0.0.1").withTtl(0));
+    g_resultBlock = 0;
+    ASSERT_TRUE(deliver(p.build()));
+    // glibc rounds a block up (to 16n - 8 usable bytes); ASan gives it exactly.
+    EXPECT_GE(g_resultBlock, bytes);
+    EXPECT_LT(g_resultBlock, bytes + 16);
+  }
 }
 
 TEST_F(AnswerTest, PtrAnswersAreNotCached) {

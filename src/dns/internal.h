@@ -25,7 +25,7 @@ constexpr size_t kPtrNameSize = 64;
 constexpr int kSocketReceiveBuffer = 131072;
 constexpr uint16_t kDnsPort = 53;
 
-// Reads one datagram from `fd` into a zeroed 65535-byte buffer and hands it
+// Reads one datagram from `fd` into a 65535-byte buffer and hands it
 // to processDatagram. -1 for a null context, a negative descriptor or a
 // failed read ("error recvfrom"); otherwise processDatagram's result.
 int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept;

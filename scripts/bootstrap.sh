@@ -34,10 +34,13 @@ install_packages() {
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
-configure_build() { # dir, extra cmake args...
+configure() { # dir, extra cmake args...
   local dir=$1; shift
   cmake -S "$root" -B "$dir" -G Ninja -DROUTERKIT_WERROR=ON "$@"
-  cmake --build "$dir" -j "$jobs"
+}
+configure_build() { # dir, extra cmake args...
+  configure "$@"
+  cmake --build "$1" -j "$jobs"
 }
 
 passed=0 failed=0
@@ -78,8 +81,9 @@ case "$mode" in
 
     if [ -x tests/fuzz/run-fuzz.sh ]; then
       echo "== fuzzing (bounded)"
-      CC=clang CXX=clang++ configure_build build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DROUTERKIT_BUILD_FUZZ=ON -DROUTERKIT_BUILD_TESTS=ON
+      cmake --build build/fuzz -j "$jobs" --target dns_datagram_fuzzer
       if tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-60}"; then
         passed=$((passed + 1)); echo "== fuzzing: no crash, no leak"
       else

@@ -11,6 +11,24 @@ void put16(uint8_t *p, uint16_t v) noexcept {
   p[1] = static_cast<uint8_t>(v);
 }
 
+// Encodes the first `length` characters of `name`, which hold no terminator,
+// as labels into out[0 .. length + 1]. Every character lands one position to
+// the right, so the text is copied in one piece; then the length byte of each
+// label goes where its dot (or, for the first, index 0) landed, and the root's
+// zero byte at the end. A label length keeps only its low 8 bits.
+void encodeLabels(uint8_t *out, const char *name, size_t length) noexcept {
+  memcpy(out + 1, name, length);
+  size_t p = 0;
+  for (;;) {
+    const void *dot = memchr(name + p, '.', length - p);
+    const size_t j = dot != nullptr ? static_cast<size_t>(static_cast<const char *>(dot) - name) : length;
+    out[p] = static_cast<uint8_t>(j - p);
+    if (j == length) break;
+    p = j + 1;
+  }
+  out[length + 1] = 0;
+}
+
 }  // namespace
 
 void ChangeNameToDnsLabels(uint8_t *out, const char *name, int32_t size) noexcept {
@@ -18,50 +36,33 @@ void ChangeNameToDnsLabels(uint8_t *out, const char *name, int32_t size) noexcep
     out[0] = 0;
     return;
   }
-  // Each label is written one position to the right of its text, so its
-  // length byte lands where the dot in front of it (or index 0) stood.
-  int32_t p = 0;
-  for (;;) {
-    int32_t j = p;
-    while (j < size - 2 && name[j] != '.' && name[j] != '\0') {
-      out[j + 1] = static_cast<uint8_t>(name[j]);
-      ++j;
-    }
-    out[p] = static_cast<uint8_t>(j - p);  // no 63-byte check: the high bits are lost
-    if (name[j] == '\0' || j + 1 >= size - 1) {
-      out[j + 1] = 0;
-      return;
-    }
-    p = j + 1;
-  }
+  // The text that fits: up to its terminator, and never past index size - 2.
+  encodeLabels(out, name, strnlen(name, static_cast<size_t>(size) - 2));
 }
 
 size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept {
   // Reaching index 254 ends the text exactly as a zero byte there would, so
   // the input is taken as clipped to 254 bytes, with zeros behind the end.
+  // The text then ends at the first zero byte z of the input, whether that is
+  // a length byte or lies inside a label, with its terminator at out[z - 1];
+  // and every byte before z lands one place to the left of its input index.
+  // So the bytes are copied in one piece, and only the length bytes (a plain
+  // count each: a compression pointer is not followed) are then overwritten
+  // with dots, by walking the chain of lengths up to z.
   const uint8_t *in = labels.at(0);
   const size_t avail = labels.size() < kNameDecodeSpan ? labels.size() : kNameDecodeSpan;
-  size_t pos = 0;
-  for (;;) {
-    const uint8_t b = pos < avail ? in[pos] : 0;
-    if (b == 0) {
-      const size_t end = pos == 0 ? 0 : pos - 1;
-      out[end] = '\0';
-      return end;
-    }
-    if (pos != 0) out[pos - 1] = '.';
-    // The length byte is a plain count: a compression pointer is not followed.
-    // Each character lands one place to the left of its input index.
-    const size_t last = pos + b;
-    const size_t stop = last < avail ? last + 1 : avail;
-    size_t j = pos + 1;
-    for (; j < stop && in[j] != 0; ++j) out[j - 1] = static_cast<char>(in[j]);
-    if (j < stop || last >= avail) {  // a zero byte inside the label, or the clip
-      out[j - 1] = '\0';
-      return j - 1;
-    }
-    pos = last + 1;
+  const void *zero = avail != 0 ? memchr(in, 0, avail) : in;
+  const size_t z = zero != nullptr ? static_cast<size_t>(static_cast<const uint8_t *>(zero) - in) : avail;
+  if (z == 0) {
+    out[0] = '\0';
+    return 0;
   }
+  memcpy(out, in + 1, z - 1);
+  for (size_t pos = static_cast<size_t>(in[0]) + 1; pos < z; pos += static_cast<size_t>(in[pos]) + 1) {
+    out[pos - 1] = '.';
+  }
+  out[z - 1] = '\0';
+  return z - 1;
 }
 
 void ChangeLabelsToDnsName(char *out, const uint8_t *labels) noexcept {
@@ -99,7 +100,9 @@ size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_
   put16(buf + kOffQdCount, 1);
   // ANCOUNT, NSCOUNT and ARCOUNT stay as the zeroed buffer has them.
   if (nameLength != 0) {
-    ChangeNameToDnsLabels(buf + kHeaderSize, name, static_cast<int32_t>(nameLength + 2));
+    // The same as ChangeNameToDnsLabels with a size of L + 2, which takes
+    // the whole text; its length is known here already.
+    encodeLabels(buf + kHeaderSize, name, nameLength);
   }
   put16(buf + kHeaderSize + nameLength + 4, kClassIn);
   SetQueryType(buf, nameLength, qtype);

@@ -36,7 +36,7 @@ constexpr size_t kRecRdata = 12;
 constexpr int kReverseSuffixLength = 13;  // ".in-addr.arpa"
 
 struct ResultDeleter {
-  void operator()(DnsResult *p) const noexcept { ::operator delete(p); }
+  void operator()(DnsResult *p) const noexcept { free(p); }
 };
 using ResultPtr = std::unique_ptr<DnsResult, ResultDeleter>;
 
@@ -67,10 +67,18 @@ const char *senderText(const struct sockaddr_storage *from, char (&text)[kSender
     }                                                                                   \
   } while (0)
 
-void fillAddress(DnsAddressEntry *slot, uint16_t family, void *field, size_t fieldSize,
-                 const uint8_t *rdata, uint16_t rdLength) noexcept {
+// Copies at most `FieldSize` bytes of RDATA into an address field of a
+// zeroed slot. The usual record carries exactly the field's size, which is
+// copied as one fixed-size block; a shorter one fills only its own bytes.
+template <size_t FieldSize>
+void fillAddress(DnsAddressEntry *slot, uint16_t family, void *field, const uint8_t *rdata,
+                 uint16_t rdLength) noexcept {
   slot->family = family;
-  memcpy(field, rdata, rdLength < fieldSize ? rdLength : fieldSize);
+  if (rdLength >= FieldSize) {
+    memcpy(field, rdata, FieldSize);
+  } else {
+    memcpy(field, rdata, rdLength);
+  }
 }
 
 // A PTR answer: the slot gets the address the question asked about (its
@@ -125,15 +133,16 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
 
   // Zero-filled as calloc would give it, but not through calloc: glibc's
   // calloc bypasses the per-thread cache, and this block comes and goes with
-  // every datagram. (The compiler folds malloc + memset back into calloc;
-  // operator new is not folded.)
-  const size_t resultSize = sizeof(DnsResult) + sizeof(DnsAddressEntry) * static_cast<size_t>(n);
-  ResultPtr result(static_cast<DnsResult *>(::operator new(resultSize, std::nothrow)));
+  // every datagram. The count and the slots are cleared apart, because the
+  // compiler folds malloc plus a memset of the whole block back into calloc.
+  const size_t slotsSize = sizeof(DnsAddressEntry) * static_cast<size_t>(n);
+  ResultPtr result(static_cast<DnsResult *>(malloc(sizeof(DnsResult) + slotsSize)));
   if (!result) {
     log_error("[%s:%d]calloc error", kOrigin, __LINE__);
     return -1;
   }
-  memset(result.get(), 0, resultSize);
+  result->count = 0;
+  memset(result->slots, 0, slotsSize);
 
   // `record` is inside the datagram here: the first answer was tested above,
   // every later one is tested before the loop steps to it.
@@ -147,18 +156,20 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
       if (d == 0) return -1;  // what went to the cache stays there; no callback
       record += d;
     }
-    // These may lie behind the end (a shifted record); they then read as zero
-    // and the tests below end the walk.
-    const uint16_t type = dg.u16(record + kRecType);
-    const uint32_t ttl = dg.u32(record + kRecTtl);
-    const uint16_t rdLength = dg.u16(record + kRecRdLength);
-
+    // TYPE, TTL and RDLENGTH are needed only when the record's RDATA starts
+    // inside the datagram; then all three lie before it, so they are read
+    // after that test, straight from the bytes.
     const size_t rdata = record + kRecRdata;
     if (rdata >= len) {
       RK_DNS_REPORT(log_error, "error protol(domain:%s,count:%d/%d)", name,
                     static_cast<int>(result->count), remaining);
       break;
     }
+    const uint8_t *fields = dg.at(record);
+    const uint16_t type = static_cast<uint16_t>(fields[kRecType] << 8 | fields[kRecType + 1]);
+    const uint32_t ttl = static_cast<uint32_t>(fields[kRecTtl]) << 24 | static_cast<uint32_t>(fields[kRecTtl + 1]) << 16 |
+                         static_cast<uint32_t>(fields[kRecTtl + 2]) << 8 | fields[kRecTtl + 3];
+    const uint16_t rdLength = static_cast<uint16_t>(fields[kRecRdLength] << 8 | fields[kRecRdLength + 1]);
     const size_t next = rdata + rdLength;
     if (next > len) {
       RK_DNS_REPORT(log_error, "error protol(%s,data_len:%d,count:%d/%d)", name,
@@ -168,11 +179,11 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
 
     DnsAddressEntry *slot = &result->slots[result->count];
     if (type == kTypeA) {
-      fillAddress(slot, AF_INET, &slot->ipv4, sizeof slot->ipv4, dg.at(rdata), rdLength);
+      fillAddress<sizeof slot->ipv4>(slot, AF_INET, &slot->ipv4, dg.at(rdata), rdLength);
       ++result->count;
       if (ttl != 0) cachePut(context->cache, name, slot, ttl);
     } else if (type == kTypeAaaa) {
-      fillAddress(slot, AF_INET6, &slot->ipv6, sizeof slot->ipv6, dg.at(rdata), rdLength);
+      fillAddress<sizeof slot->ipv6>(slot, AF_INET6, &slot->ipv6, dg.at(rdata), rdLength);
       ++result->count;
       if (ttl != 0) cachePut(context->cache, name, slot, ttl);
     } else if (type == kTypePtr) {
@@ -200,9 +211,11 @@ int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept {
   // give; clearing all 64 KiB per datagram would cost more than the rest of
   // an answer's work together, for nothing a caller could see.
   uint8_t buffer[kReceiveBufferSize];
+  // recvfrom gets room for 28 bytes, and nothing behind them is ever read,
+  // so only those are cleared.
   struct sockaddr_storage from;
-  memset(&from, 0, sizeof from);
-  socklen_t fromLength = sizeof(struct sockaddr_in6);  // room for 28 bytes
+  memset(&from, 0, sizeof(struct sockaddr_in6));
+  socklen_t fromLength = sizeof(struct sockaddr_in6);
   const ssize_t got =
       recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<struct sockaddr *>(&from), &fromLength);
   if (got < 1) {

@@ -341,54 +341,6 @@ TEST_F(AnswerTest, CnameIsSkippedAndAddressesFiledUnderTheQuestion) {
   EXPECT_EQ(cached("real.lan"), "real.lan: (absent)");
 }
 
-TEST_F(AnswerTest, TtlZeroIsDeliveredButNotCached) {
-  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.1")).answer(Rr::A("192.0.2.2").withTtl(0)).build()));
-  EXPECT_EQ(Recorder::lines(), std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1, 192.0.2.2"});
-  EXPECT_EQ(cached(kName), "aaa.bbbbbbb.ccc: 192.0.2.1");
-}
-
-TEST_F(AnswerTest, FullNameGoesToTheCacheUnderThatName) {
-  ASSERT_TRUE(deliver(reply().answer(Rr::AAAA("2001:db8::7").withName("www.example.lan")).build()));
-  EXPECT_EQ(cached("www.example.lan"), "www.example.lan: 2001:db8::7");
-  EXPECT_EQ(cached(kName), "aaa.bbbbbbb.ccc: (absent)");
-}
-
-TEST_F(AnswerTest, C1IsNotAPointer) {
-  // 0xC1 reads as the length of a 193-byte label: the record's name is that
-  // label, and its fields follow 193 + 2 bytes on.
-  Bytes name{0xC1};
-  std::string label(193, 'q');
-  name.insert(name.end(), label.begin(), label.end());
-  name.push_back(0);
-  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.77").withNameBytes(name)).build()));
-  EXPECT_EQ(logs(), std::vector<std::string>{"I [checkDnsSocket:N]the data_name is not 0xC0XX"});
-  EXPECT_EQ(Recorder::lines(), std::vector<std::string>{label + ": 192.0.2.77"});
-  EXPECT_EQ(cached(label), label + ": 192.0.2.77");
-}
-
-TEST_F(AnswerTest, ZeroNameKeepsWhatWasCachedBeforeIt) {
-  ASSERT_TRUE(deliver(reply()
-                          .answer(Rr::A("192.0.2.1"))
-                          .answer(Rr::A("192.0.2.2").withNameBytes({0}))
-                          .answer(Rr::A("192.0.2.3"))
-                          .build()));
-  EXPECT_TRUE(Recorder::answers().empty());
-  EXPECT_EQ(cached(kName), "aaa.bbbbbbb.ccc: 192.0.2.1");
-}
-
-TEST_F(AnswerTest, AtMostSixteenAnswersAreLookedAt) {
-  DnsPacket p = reply();
-  std::string want = std::string(kName) + ":";
-  for (int i = 1; i <= 40; ++i) {
-    std::string a = "10.0.0." + std::to_string(i);
-    p.answer(Rr::A(a));
-    if (i <= 16) want += (i == 1 ? " " : ", ") + a;
-  }
-  ASSERT_TRUE(deliver(p.build()));
-  EXPECT_EQ(Recorder::lines(), std::vector<std::string>{want});
-  EXPECT_EQ(logs(), std::vector<std::string>());
-}
-
 // The DnsResult of a datagram is one heap block of 4 + 28 * n bytes, n being
 // ANCOUNT cut to 16: 452 bytes for 40 answers, 60 for two.
 size_t g_resultBlock = 0;

@@ -157,14 +157,6 @@ TEST_F(CacheTest, MinimumCacheTimeIsAddedToAShorterTtl) {
   EXPECT_EQ(lookup("short.lan").inside, std::vector<std::string>());
 }
 
-TEST_F(CacheTest, RepeatedAnswerSetsTheExpiryAgain) {
-  useFakeClock(1000000);
-  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.1").withTtl(300)).build()));
-  ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.1").withTtl(5)).build()));  // shortens
-  g_now = 1005001;
-  EXPECT_EQ(lookup(kName).inside, std::vector<std::string>());
-}
-
 TEST_F(CacheTest, CleanCacheForgetsEveryName) {
   ASSERT_TRUE(deliver(reply().answer(Rr::A("192.0.2.1")).build()));
   ASSERT_TRUE(deliver(reply("other.lan").answer(Rr::A("192.0.2.2")).build()));

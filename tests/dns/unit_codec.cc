@@ -17,13 +17,13 @@ using rk::dns::WireView;
 using Bytes = std::vector<uint8_t>;
 
 // "03 'aaa 00": hex bytes, and words after an apostrophe taken literally.
-Bytes bytes(const std::string &spec) {
+Bytes bytes(const std::string &hex) {
   Bytes out;
   size_t i = 0;
-  while (i < spec.size()) {
-    size_t end = spec.find(' ', i);
-    if (end == std::string::npos) end = spec.size();
-    const std::string word = spec.substr(i, end - i);
+  while (i < hex.size()) {
+    size_t end = hex.find(' ', i);
+    if (end == std::string::npos) end = hex.size();
+    const std::string word = hex.substr(i, end - i);
     if (!word.empty() && word[0] == '\'') {
       out.insert(out.end(), word.begin() + 1, word.end());
     } else if (!word.empty()) {

@@ -257,11 +257,11 @@ int parse_ptr(uci_ptr *ptr, char *str) {
 }
 
 // "@type[i]": the i-th section of that type (negative: from the end).
-int lookup_extended(uci_package *p, const char *spec, uci_section **out) {
+int lookup_extended(uci_package *p, const char *selector, uci_section **out) {
   *out = nullptr;
-  const char *open = strchr(spec, '[');
+  const char *open = strchr(selector, '[');
   if (!open) return UCI_ERR_INVAL;
-  std::string type(spec + 1, open);
+  std::string type(selector + 1, open);
   char *end = nullptr;
   long idx = strtol(open + 1, &end, 10);
   if (end == open + 1 || strcmp(end, "]") != 0) return UCI_ERR_INVAL;

@@ -35,9 +35,15 @@ void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
 // Runs with the mutex held.
 DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
   if (name == nullptr) return nullptr;
-  struct avl_node *node = avl_find(&cache->tree, name);
-  if (node == nullptr) return nullptr;
-  DnsCacheEntry *entry = entryOf(node);
+  // The recent entry is in the tree, and names are unique there, so a name
+  // equal to its name finds exactly the node a search would find.
+  DnsCacheEntry *entry = cache->recent;
+  if (entry == nullptr || strcmp(entry->name, name) != 0) {
+    struct avl_node *node = avl_find(&cache->tree, name);
+    if (node == nullptr) return nullptr;
+    entry = entryOf(node);
+    cache->recent = entry;
+  }
   const uint64_t now = cacheClock();
   for (DnsCacheAddress **link = &entry->addresses; *link != nullptr;) {
     DnsCacheAddress *a = *link;
@@ -50,6 +56,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
   }
   if (entry->addresses == nullptr) {
     avl_delete(&cache->tree, &entry->node);
+    if (cache->recent == entry) cache->recent = nullptr;
     DnsCache_FreeEntry(entry);
     return nullptr;
   }
@@ -61,6 +68,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
 void emptyTree(DnsCache *cache) noexcept {
   DnsCacheEntry *entry;
   DnsCacheEntry *tmp;
+  cache->recent = nullptr;
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
@@ -72,6 +80,7 @@ DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
   memcpy(entry->name, name, length + 1);
   entry->node.key = entry->name;
   avl_insert(&cache->tree, &entry->node);
+  cache->recent = entry;
   return entry;
 }
 

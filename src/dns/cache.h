@@ -50,4 +50,8 @@ struct DnsCache {
   struct avl_tree tree;  // of rk::dns::DnsCacheEntry, avl_strcmp, no duplicates
   pthread_mutex_t mutex;
   uint32_t minCacheTime;  // seconds
+  // The entry the last search found or the last put created, or null; never
+  // one that has been freed. Answers come in runs for one name (A, then
+  // AAAA, from each server), so this spares most of their tree searches.
+  rk::dns::DnsCacheEntry *recent;
 };

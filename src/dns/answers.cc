@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <memory>
-#include <new>
 
 #include "common/logmsg.h"
 #include "dns/cache.h"
@@ -141,8 +140,11 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
     log_error("[%s:%d]calloc error", kOrigin, __LINE__);
     return -1;
   }
+  // Slot by slot: at most 16 of them, usually one or two, for which a
+  // fixed-size clear is a few stores where a memset of a run-time size is a
+  // string instruction with its start-up cost.
   result->count = 0;
-  memset(result->slots, 0, slotsSize);
+  for (int i = 0; i < n; ++i) memset(&result->slots[i], 0, sizeof result->slots[i]);
 
   // `record` is inside the datagram here: the first answer was tested above,
   // every later one is tested before the loop steps to it.

@@ -169,7 +169,8 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
     }
     const uint8_t *fields = dg.at(record);
     const uint16_t type = static_cast<uint16_t>(fields[kRecType] << 8 | fields[kRecType + 1]);
-    const uint32_t ttl = static_cast<uint32_t>(fields[kRecTtl]) << 24 | static_cast<uint32_t>(fields[kRecTtl + 1]) << 16 |
+    const uint32_t ttl = static_cast<uint32_t>(fields[kRecTtl]) << 24 |
+                         static_cast<uint32_t>(fields[kRecTtl + 1]) << 16 |
                          static_cast<uint32_t>(fields[kRecTtl + 2]) << 8 | fields[kRecTtl + 3];
     const uint16_t rdLength = static_cast<uint16_t>(fields[kRecRdLength] << 8 | fields[kRecRdLength + 1]);
     const size_t next = rdata + rdLength;

@@ -330,6 +330,22 @@ int parse_blob(blob_attr *attr, size_t attr_len, blob_attr **data, const blob_at
   return found;
 }
 
+// Common start of both parsers: checks the arguments and clears the table.
+// false with the parser's result in *result when there is nothing to parse.
+bool start_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
+                 const void *data, unsigned int len, int *result) {
+  if (policy_len <= 0 || !policy || !tb) {
+    *result = policy_len == 0 ? 0 : -EINVAL;
+    return false;
+  }
+  std::memset(tb, 0, sizeof(*tb) * static_cast<size_t>(policy_len));
+  if (!data || !len) {
+    *result = -EINVAL;
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 }  // namespace rk
 
@@ -593,11 +609,9 @@ bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t 
 
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
                   void *data, unsigned int len) {
-  if (policy_len <= 0 || !policy || !tb)
-    return policy_len == 0 ? 0 : -EINVAL;
-  std::memset(tb, 0, sizeof(*tb) * static_cast<size_t>(policy_len));
-  if (!data || !len)
-    return -EINVAL;
+  int early;
+  if (!rk::start_parse(policy, policy_len, tb, data, len, &early))
+    return early;
   blob_attr *attr;
   size_t rem = len;
   __blob_for_each_attr(attr, data, rem) {
@@ -625,11 +639,9 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
 
 int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
                         void *data, unsigned int len) {
-  if (policy_len <= 0 || !policy || !tb)
-    return policy_len == 0 ? 0 : -EINVAL;
-  std::memset(tb, 0, sizeof(*tb) * static_cast<size_t>(policy_len));
-  if (!data || !len)
-    return -EINVAL;
+  int early;
+  if (!rk::start_parse(policy, policy_len, tb, data, len, &early))
+    return early;
   blob_attr *attr;
   size_t rem = len;
   int i = 0;

@@ -26,7 +26,7 @@
 
 #include <gtest/gtest.h>
 
-#include "rk_test_files.h"
+#include "rk_test.h"
 
 // In a build with gcov counters, a forked child that ends with _exit must
 // write its counters itself.

@@ -1,0 +1,256 @@
+#include "rk_test.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <fstream>
+#include <sstream>
+
+// In a build with gcov counters, a forked child that ends with _exit must
+// write its counters itself.
+#ifdef RK_GCOV_DUMP
+extern "C" void __gcov_dump(void);
+#endif
+
+namespace rk::test {
+namespace {
+
+constexpr char kDevLog[] = "/dev/log";
+
+// "<134>Nov 23 04:51:00 ident[pid]: message": the priority, a 15-character
+// timestamp and a space, the ident (and pid), ": ", the message.
+LogLine ParseSyslog(const std::string &raw) {
+  LogLine line;
+  size_t close_pri = raw.find('>');
+  if (raw.empty() || raw[0] != '<' || close_pri == std::string::npos) {
+    line.text = raw;
+    return line;
+  }
+  int pri = atoi(raw.c_str() + 1);
+  line.severity = pri & 7;
+  line.facility = pri >> 3;
+  size_t start = close_pri + 1 + 16;
+  size_t colon = start < raw.size() ? raw.find(": ", start) : std::string::npos;
+  if (colon == std::string::npos) {
+    line.text = raw.substr(std::min(close_pri + 1, raw.size()));
+    return line;
+  }
+  line.ident = raw.substr(start, colon - start);
+  if (!line.ident.empty() && line.ident.back() == ']') line.ident.erase(line.ident.rfind('['));
+  line.text = raw.substr(colon + 2);
+  return line;
+}
+
+}  // namespace
+
+bool InTestNamespace() {
+  // rk-ns-run exports RK_NS_KEEP and keeps its work directory on the
+  // namespace's own /run; outside, neither is there.
+  return getenv("RK_NS_KEEP") != nullptr && access("/run/.rk-ns", F_OK) == 0;
+}
+
+bool WriteFile(const std::string &path, const std::string &content, int mode) {
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    if (!out) return false;
+    out << content;
+    if (!out) return false;
+  }
+  return chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
+}
+
+std::string ReadFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+bool FileExists(const std::string &path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+int OpenFdCount() {
+  int n = 0;
+  if (DIR *d = opendir("/proc/self/fd")) {
+    while (struct dirent *e = readdir(d))
+      if (e->d_name[0] != '.') n++;
+    closedir(d);
+    n--;  // the descriptor of the listing itself
+  }
+  return n;
+}
+
+TempDir::TempDir() {
+  char tmpl[] = "/tmp/rk-test.XXXXXX";
+  if (mkdtemp(tmpl)) path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  if (path_.empty()) return;
+  std::string cmd = "rm -rf '" + path_ + "'";
+  if (system(cmd.c_str()) != 0) {
+  }
+}
+
+std::vector<uint8_t> Hex(const std::string &text) {
+  std::vector<uint8_t> out;
+  std::string digits;
+  for (char c : text)
+    if (c != ' ' && c != '\n') digits += c;
+  for (size_t i = 0; i + 1 < digits.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+std::string ToHex(const void *data, size_t len) {
+  static const char digits[] = "0123456789abcdef";
+  const auto *p = static_cast<const uint8_t *>(data);
+  std::string out;
+  for (size_t i = 0; i < len; i++) {
+    out += digits[p[i] >> 4];
+    out += digits[p[i] & 15];
+  }
+  return out;
+}
+
+std::string LogLine::Normalized() const {
+  const char *letter = "?";
+  switch (severity) {
+    case 0: letter = "F"; break;
+    case 3: letter = "E"; break;
+    case 4: letter = "W"; break;
+    case 5: letter = "T"; break;
+    case 6: letter = "I"; break;
+    case 7: letter = "D"; break;
+    default: break;
+  }
+  std::string out = std::string(letter) + " ";
+  // "[name:123]rest" -> "[name:N]rest"
+  size_t colon = text.find(':');
+  size_t close = text.find(']');
+  bool placed = !text.empty() && text[0] == '[' && colon != std::string::npos && close != std::string::npos &&
+                colon < close && close > colon + 1 &&
+                text.find_first_not_of("0123456789", colon + 1) == close;
+  if (placed)
+    out += text.substr(0, colon + 1) + "N" + text.substr(close);
+  else
+    out += text;
+  return out;
+}
+
+SyslogCapture::SyslogCapture() {
+  if (!InTestNamespace()) return;
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return;
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, kDevLog, sizeof addr.sun_path - 1);
+  unlink(kDevLog);
+  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+    close(fd);
+    return;
+  }
+  int big = 1 << 20;
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
+  fd_ = fd;
+}
+
+SyslogCapture::~SyslogCapture() {
+  if (fd_ < 0) return;
+  close(fd_);
+  unlink(kDevLog);
+}
+
+std::vector<LogLine> SyslogCapture::Take() {
+  std::vector<LogLine> out;
+  if (fd_ < 0) return out;
+  char buf[65536];
+  for (;;) {
+    ssize_t n = recv(fd_, buf, sizeof buf, 0);
+    if (n < 0) break;
+    std::string raw(buf, static_cast<size_t>(n));
+    while (!raw.empty() && (raw.back() == '\n' || raw.back() == '\0')) raw.pop_back();
+    out.push_back(ParseSyslog(raw));
+  }
+  return out;
+}
+
+std::vector<std::string> SyslogCapture::TakeNormalized() {
+  std::vector<std::string> out;
+  for (const auto &l : Take()) out.push_back(l.Normalized());
+  return out;
+}
+
+bool SilenceSyslog() {
+  if (!InTestNamespace()) return false;
+  unlink(kDevLog);
+  return access(kDevLog, F_OK) != 0;
+}
+
+StderrCapture::StderrCapture() {
+  fflush(stderr);
+  saved_ = dup(STDERR_FILENO);
+  mem_ = memfd_create("stderr", MFD_CLOEXEC);
+  dup2(mem_, STDERR_FILENO);
+}
+
+std::string StderrCapture::Stop() {
+  if (saved_ < 0) return text_;
+  fflush(stderr);
+  dup2(saved_, STDERR_FILENO);
+  close(saved_);
+  saved_ = -1;
+  char buf[4096];
+  ssize_t n;
+  for (off_t off = 0; (n = pread(mem_, buf, sizeof buf, off)) > 0; off += n) text_.append(buf, n);
+  close(mem_);
+  return text_;
+}
+
+pid_t StartChild(const std::function<int()> &body) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int code = body();
+    fflush(nullptr);
+#ifdef RK_GCOV_DUMP
+    __gcov_dump();
+#endif
+    _exit(code);
+  }
+  return pid;
+}
+
+int WaitChild(pid_t pid) {
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool FailSyscall(long nr, int err) {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<uint32_t>(nr), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (static_cast<uint32_t>(err) & SECCOMP_RET_DATA)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog prog{static_cast<unsigned short>(sizeof filter / sizeof filter[0]), filter};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
+}
+
+}  // namespace rk::test

@@ -1,0 +1,123 @@
+// The test-support layer shared by every area: where a test runs, files,
+// bytes, syslog and standard error captures, forked children. Everything is
+// in namespace rk::test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace rk::test {
+
+// True inside tests/support/rk-ns-run, where /etc, /usr/bin, /dev, /tmp and
+// /run are throw-away, so a test may write at the system's fixed paths, bind
+// /dev/log, listen on port 53 and bring up interfaces.
+bool InTestNamespace();
+
+#define RK_REQUIRE_NAMESPACE()                                                            \
+  do {                                                                                   \
+    if (!::rk::test::InTestNamespace())                                                  \
+      GTEST_SKIP() << "writes fixed paths: run through ctest (tests/support/rk-ns-run)"; \
+  } while (0)
+
+// ---- files ----
+bool WriteFile(const std::string &path, const std::string &content, int mode = 0644);
+std::string ReadFile(const std::string &path);
+bool FileExists(const std::string &path);
+// Entries in /proc/self/fd: compare before and after a call to see that it
+// leaves no descriptor behind.
+int OpenFdCount();
+
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// ---- bytes ----
+// Bytes spelled as hex ("8500000c 0001 6e"); blanks are ignored.
+std::vector<uint8_t> Hex(const std::string &text);
+// Lower-case hex of `len` bytes, no blanks.
+std::string ToHex(const void *data, size_t len);
+inline std::string ToHex(const std::vector<uint8_t> &v) { return ToHex(v.data(), v.size()); }
+
+// ---- syslog ----
+struct LogLine {
+  int severity = -1;  // 3 for log_error, 6 for log_info ...
+  int facility = -1;  // 16 for LOG_LOCAL0
+  std::string ident;  // without "[pid]"
+  std::string text;   // the message as the library formatted it
+
+  // "E [checkDnsSocket:N]error size(20) from 127.0.0.1": the severity
+  // letter, and the source line of a leading "[function:line]" replaced by
+  // N, since line numbers are not part of the messages' contract.
+  std::string Normalized() const;
+};
+
+// Catches what the process sends to syslog: a unix datagram socket bound at
+// /dev/log (only inside the test namespace, where /dev is throw-away).
+// Messages are queued by the time the sending call returns, so a test reads
+// what a call logged right after the call.
+class SyslogCapture {
+ public:
+  SyslogCapture();
+  ~SyslogCapture();
+  SyslogCapture(const SyslogCapture &) = delete;
+  SyslogCapture &operator=(const SyslogCapture &) = delete;
+
+  bool ok() const { return fd_ >= 0; }
+  // Everything received since the last call, oldest first.
+  std::vector<LogLine> Take();
+  std::vector<std::string> TakeNormalized();
+
+ private:
+  int fd_ = -1;
+};
+
+// Makes /dev/log unreachable, so messages are formatted but go nowhere (for
+// fuzzers and benchmarks that log a lot). False outside the namespace.
+bool SilenceSyslog();
+
+// ---- standard error ----
+// Redirects descriptor 2 into memory for its lifetime.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture() { Stop(); }
+  StderrCapture(const StderrCapture &) = delete;
+  StderrCapture &operator=(const StderrCapture &) = delete;
+  // Restores standard error and returns what was written to it.
+  std::string Stop();
+
+ private:
+  int saved_ = -1;
+  int mem_ = -1;
+  std::string text_;
+};
+
+// ---- children ----
+// Runs `body` in a forked child that ends with _exit(body()), so nothing of
+// the parent's gtest state runs twice; the coverage counters of the child
+// are written first. Fork before starting threads.
+pid_t StartChild(const std::function<int()> &body);
+// The child's exit code, or 128 + signal if it was killed; -1 on no child.
+int WaitChild(pid_t pid);
+inline int RunInChild(const std::function<int()> &body) { return WaitChild(StartChild(body)); }
+
+// From here on, in this process, system call `nr` fails with `err` without
+// running. For forked children only: the filter cannot be removed.
+bool FailSyscall(long nr, int err);
+
+}  // namespace rk::test

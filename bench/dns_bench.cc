@@ -50,16 +50,11 @@
 
 #include <routerkit/async_dns.h>
 
-#include "dns_client.h"
 #include "dns_responder.h"
-#include "syslog_capture.h"
 
 namespace rk {
 namespace bench {
 namespace {
-
-using test::ContextPtr;
-using test::ThreadedResponder;
 
 constexpr int kInFlight = 32;
 constexpr uint64_t kBatch = 256;  // answered lookups per benchmark iteration
@@ -606,12 +601,12 @@ int runProbe(const std::string &mode, uint64_t count, uint32_t ttl) {
 }  // namespace rk
 
 int main(int argc, char **argv) {
-  if (!rk::test::insideTestNamespace()) {
+  if (!rk::bench::InsideTestNamespace()) {
     fprintf(stderr, "%s needs port 53 of its own: run it through bench/run-dns-bench.sh\n", argv[0]);
     return 2;
   }
   // The library logs every server it adds; nothing of that is measured.
-  rk::test::silenceSyslog();
+  rk::bench::SilenceSyslog();
   ares_library_init(ARES_LIB_INIT_ALL);
   std::string probe;
   uint64_t count = 10000;

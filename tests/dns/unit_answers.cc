@@ -17,153 +17,32 @@
 
 #include "dns/cache.h"
 #include "dns/internal.h"
+#include "dns_test.h"
+#include "rk_test.h"
 
+namespace rk::test {
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-// ---- syslog capture ------------------------------------------------------
-
-// Binds /dev/log (only inside the test namespace, where /dev is throw-away)
-// and hands back each message as "info [function]text" or "error [function]text".
-class SyslogSink {
- public:
-  bool open() {
-    if (fd_ >= 0) return true;
-    if (access("/run/.rk-ns", F_OK) != 0) return false;  // not in the namespace: leave /dev alone
-    unlink("/dev/log");
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, "/dev/log");
-    if (fd_ < 0 || bind(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) return false;
-    return true;
-  }
-
-  std::vector<std::string> drain() {
-    std::vector<std::string> out;
-    char buf[4096];
-    for (;;) {
-      const ssize_t n = recv(fd_, buf, sizeof buf - 1, 0);
-      if (n <= 0) break;
-      std::string text(buf, static_cast<size_t>(n));
-      while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) text.pop_back();
-      out.push_back(normalize(text));
-    }
-    return out;
-  }
-
- private:
-  // "<134>Jan  1 00:00:00 ident[42]: [checkDnsSocket:120]error size(20)"
-  // becomes "info [checkDnsSocket]error size(20)": line numbers are no contract.
-  static std::string normalize(const std::string &text) {
-    if (text.size() < 3 || text[0] != '<') return "unparsed " + text;
-    const int severity = atoi(text.c_str() + 1) & 7;
-    const char *level = severity == 6 ? "info" : severity == 3 ? "error" : "other";
-    for (size_t open = text.find('['); open != std::string::npos; open = text.find('[', open + 1)) {
-      size_t i = open + 1;
-      while (i < text.size() && (isalnum(static_cast<unsigned char>(text[i])) || text[i] == '_')) ++i;
-      if (i == open + 1 || i >= text.size() || text[i] != ':') continue;
-      const size_t colon = i++;
-      while (i < text.size() && isdigit(static_cast<unsigned char>(text[i]))) ++i;
-      if (i == colon + 1 || i >= text.size() || text[i] != ']') continue;
-      return std::string(level) + " " + text.substr(open, colon - open) + "]" + text.substr(i + 1);
-    }
-    return "unparsed " + text;
-  }
-
-  int fd_ = -1;
-};
-
-SyslogSink &sink() {
-  static SyslogSink s;
-  return s;
-}
-
-// ---- datagram builder ----------------------------------------------------
 
 constexpr uint16_t kId = 0x1234;  // the context's identifier, as a number
 const char *const kQ = "aaa.bbbbbbb.ccc";
 
-Bytes labels(const std::string &dotted) {
-  Bytes out;
-  size_t start = 0;
-  while (start < dotted.size()) {
-    size_t dot = dotted.find('.', start);
-    if (dot == std::string::npos) dot = dotted.size();
-    out.push_back(static_cast<uint8_t>(dot - start));
-    out.insert(out.end(), dotted.begin() + static_cast<long>(start), dotted.begin() + static_cast<long>(dot));
-    start = dot + 1;
-  }
-  out.push_back(0);
-  return out;
-}
-
-Bytes v4(const char *text) {
-  Bytes b(4);
-  inet_pton(AF_INET, text, b.data());
-  return b;
-}
-
-Bytes v6(const char *text) {
-  Bytes b(16);
-  inet_pton(AF_INET6, text, b.data());
-  return b;
-}
-
-struct Packet {
-  Bytes b;
-  Packet &u8(uint8_t v) {
-    b.push_back(v);
-    return *this;
-  }
-  Packet &u16(uint16_t v) { return u8(static_cast<uint8_t>(v >> 8)).u8(static_cast<uint8_t>(v)); }
-  Packet &u32(uint32_t v) { return u16(static_cast<uint16_t>(v >> 16)).u16(static_cast<uint16_t>(v)); }
-  Packet &raw(const Bytes &r) {
-    b.insert(b.end(), r.begin(), r.end());
-    return *this;
-  }
-  Packet &str(const std::string &s) { return raw(Bytes(s.begin(), s.end())); }
-  Packet &fill(size_t n, uint8_t v) { return raw(Bytes(n, v)); }
-
-  // A record named by a compression pointer to the question.
-  Packet &answer(uint16_t type, uint32_t ttl, const Bytes &rdata) {
-    return u8(0xC0).u8(0x0C).record(type, ttl, rdata);
-  }
-  // A record whose name is written in full.
-  Packet &answerNamed(const std::string &name, uint16_t type, uint32_t ttl, const Bytes &rdata) {
-    return raw(labels(name)).record(type, ttl, rdata);
-  }
-  Packet &record(uint16_t type, uint32_t ttl, const Bytes &rdata) {
-    return u16(type).u16(1).u32(ttl).u16(static_cast<uint16_t>(rdata.size())).raw(rdata);
-  }
-};
-
-Packet header(uint16_t qd, uint16_t an, uint16_t id = kId) {
-  Packet p;
-  return p.u16(id).u16(0x8180).u16(qd).u16(an).u16(0).u16(0);
-}
-
+Packet header(uint16_t qd, uint16_t an, uint16_t id = kId) { return Header(id, qd, an); }
 Packet response(const std::string &question, uint16_t an, uint16_t qtype = 1) {
-  Packet p = header(1, an);
-  return p.raw(labels(question)).u16(qtype).u16(1);
+  return Response(kId, question, an, qtype);
 }
+Bytes labels(const std::string &dotted) { return Labels(dotted); }
+Bytes v4(const char *text) { return V4(text); }
+Bytes v6(const char *text) { return V6(text); }
 
 // ---- the context and the callback ---------------------------------------
 
 std::vector<std::string> calls;
 
-std::string show(const DnsAddressEntry &e) {
-  char text[64] = "?";
-  if (e.family == AF_INET) inet_ntop(AF_INET, &e.ipv4, text, sizeof text);
-  if (e.family == AF_INET6) inet_ntop(AF_INET6, &e.ipv6, text, sizeof text);
-  return text;
-}
 
 int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) {
   std::string s = name;
   s += ":";
-  for (int i = 0; i < result->count; ++i) s += " " + show(result->slots[i]);
+  for (int i = 0; i < result->count; ++i) s += " " + Show(result->slots[i]);
   calls.push_back(s);
   return 0;
 }
@@ -188,8 +67,8 @@ struct Row {
 class DnsAnswers : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!sink().open()) GTEST_SKIP() << "needs the test namespace (rk-ns-run) for /dev/log";
-    sink().drain();
+    RK_REQUIRE_NAMESPACE();
+    ASSERT_TRUE(log_.ok());
     context_.id = htons(kId);
     context_.cache = DnsCacheCreate();
     context_.callback = recordCall;
@@ -208,7 +87,7 @@ class DnsAnswers : public ::testing::Test {
     calls.clear();
     const int ret = rk::dns::processDatagram(&context_, copy, datagram.size(), from);
     free(copy);
-    return {ret, calls, sink().drain()};
+    return {ret, calls, log_.TakeNormalized()};
   }
 
   std::string cached(const char *name) {
@@ -218,7 +97,7 @@ class DnsAnswers : public ::testing::Test {
     } buf;
     if (DnsCache_Get(context_.cache, name, &buf.result, 16) != 0) return "absent";
     std::string s;
-    for (int i = 0; i < buf.result.count; ++i) s += (i ? " " : "") + show(buf.result.slots[i]);
+    for (int i = 0; i < buf.result.count; ++i) s += (i ? " " : "") + Show(buf.result.slots[i]);
     return s;
   }
 
@@ -232,6 +111,7 @@ class DnsAnswers : public ::testing::Test {
     for (const auto &entry : row.cache) EXPECT_EQ(cached(entry.first), entry.second) << row.what;
   }
 
+  SyslogCapture log_;
   AsyncDnsContext context_ = {};
 };
 
@@ -245,11 +125,11 @@ TEST_F(DnsAnswers, RefusedBeforeTheAnswerLoop) {
   Bytes rootQuestion = header(1, 1).u8(0).u16(1).u16(1).answer(1, 60, v4("1.2.3.4")).b;
 
   const Row rows[] = {
-      {"20 bytes are too short", Bytes(20, 0), -1, {}, {"info [checkDnsSocket]error size(20)"}, {}},
-      {"21 bytes reach the identifier test", idOnly21, -1, {}, {"info [checkDnsSocket]error id(7856,3412)"}, {}},
-      {"then the question count", rightId21, -1, {}, {"info [checkDnsSocket]error questCount(0)"}, {}},
+      {"20 bytes are too short", Bytes(20, 0), -1, {}, {"I [checkDnsSocket:N]error size(20)"}, {}},
+      {"21 bytes reach the identifier test", idOnly21, -1, {}, {"I [checkDnsSocket:N]error id(7856,3412)"}, {}},
+      {"then the question count", rightId21, -1, {}, {"I [checkDnsSocket:N]error questCount(0)"}, {}},
       {"two questions", header(2, 1).raw(labels(kQ)).u16(1).u16(1).answer(1, 60, v4("1.2.3.4")).b, -1, {},
-       {"info [checkDnsSocket]error questCount(2)"}, {}},
+       {"I [checkDnsSocket:N]error questCount(2)"}, {}},
       {"no answers", response(kQ, 0).fill(16, 0).b, -1, {}, {}, {}},
       {"an empty question name", rootQuestion, -1, {}, {}, {}},
       {"answers would start at the end", response(kQ, 1).b, -1, {}, {}, {}},
@@ -305,7 +185,7 @@ TEST_F(DnsAnswers, AnswersReachTheCallbackAndTheCache) {
 }
 
 TEST_F(DnsAnswers, FullAnswerNamesReplaceTheName) {
-  const char *notPointer = "info [checkDnsSocket]the data_name is not 0xC0XX";
+  const char *notPointer = "I [checkDnsSocket:N]the data_name is not 0xC0XX";
   std::vector<Row> rows;
   rows.push_back({"a full name goes to the callback and the cache",
                   response(kQ, 2)
@@ -341,19 +221,19 @@ TEST_F(DnsAnswers, RecordsCutByTheEndAreReportedAndWhatCameBeforeIsDelivered) {
       {"RDATA would start exactly at the end",
        response(kQ, 2).answer(1, 60, v4("1.1.1.1")).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(60).u16(0).b, 0,
        {"aaa.bbbbbbb.ccc: 1.1.1.1"},
-       {"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:1/1)"}, {}},
+       {"E [checkDnsSocket:N]error protol(domain:aaa.bbbbbbb.ccc,count:1/1)"}, {}},
       {"RDLENGTH one byte past the end",
        response(kQ, 2).answer(1, 60, v4("1.1.1.1")).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(60).u16(4).raw({2, 2, 2}).b,
        0, {"aaa.bbbbbbb.ccc: 1.1.1.1"},
-       {"error [checkDnsSocket]error protol(aaa.bbbbbbb.ccc,data_len:4,count:1/1)"}, {}},
+       {"E [checkDnsSocket:N]error protol(aaa.bbbbbbb.ccc,data_len:4,count:1/1)"}, {}},
       {"a record ending exactly at the end passes", response(kQ, 1).answer(1, 60, v4("1.1.1.1")).b, 0,
        {"aaa.bbbbbbb.ccc: 1.1.1.1"}, {}, {}},
       {"TYPE, TTL and RDLENGTH behind the end", response(kQ, 1).raw({0xC0, 0x0C, 0x00}).b, 0, {},
-       {"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:0/1)"}, {}},
+       {"E [checkDnsSocket:N]error protol(domain:aaa.bbbbbbb.ccc,count:0/1)"}, {}},
       {"a full name running to the end shifts the record behind it",
        response(kQ, 1).raw({5, 'a', 'b', 'c', 'd', 'e'}).b, 0, {},
-       {"info [checkDnsSocket]the data_name is not 0xC0XX",
-        "error [checkDnsSocket]error protol(domain:abcde,count:0/1)"},
+       {"I [checkDnsSocket:N]the data_name is not 0xC0XX",
+        "E [checkDnsSocket:N]error protol(domain:abcde,count:0/1)"},
        {}},
       {"a question name cut by the end decodes as if zeros followed",
        header(1, 1).raw({0x3F, 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a'}).b, -1, {}, {}, {}},
@@ -396,7 +276,7 @@ TEST_F(DnsAnswers, DatagramFillingTheWholeBuffer) {
   EXPECT_EQ(got.ret, 0);
   EXPECT_EQ(got.calls, Strings{cutName + ": 5.6.7.8"});
   ASSERT_EQ(got.logs.size(), 2u);
-  EXPECT_EQ(got.logs[1], "error [checkDnsSocket]error protol(domain:" + cutName + ",count:1/1)");
+  EXPECT_EQ(got.logs[1], "E [checkDnsSocket:N]error protol(domain:" + cutName + ",count:1/1)");
   EXPECT_EQ(cached(kQ), "5.6.7.8 1.2.3.4") << "both datagrams filed their A record under the question";
 }
 
@@ -455,17 +335,17 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
   struct sockaddr_storage fromUnix = {};
   fromUnix.ss_family = AF_UNIX;
 
-  EXPECT_EQ(run(Bytes(5, 0), &from4).logs, Strings{"info [checkDnsSocket]error size(5) from 192.0.2.7"});
-  EXPECT_EQ(run(Bytes(5, 0), &from6).logs, Strings{"info [checkDnsSocket]error size(5) from 2001:db8::53"});
-  EXPECT_EQ(run(Bytes(5, 0), &fromUnix).logs, Strings{"info [checkDnsSocket]error size(5)"});
+  EXPECT_EQ(run(Bytes(5, 0), &from4).logs, Strings{"I [checkDnsSocket:N]error size(5) from 192.0.2.7"});
+  EXPECT_EQ(run(Bytes(5, 0), &from6).logs, Strings{"I [checkDnsSocket:N]error size(5) from 2001:db8::53"});
+  EXPECT_EQ(run(Bytes(5, 0), &fromUnix).logs, Strings{"I [checkDnsSocket:N]error size(5)"});
   EXPECT_EQ(run(header(1, 1, 0xabcd).fill(10, 0).b, &from4).logs,
-            Strings{"info [checkDnsSocket]error id(cdab,3412) from 192.0.2.7"});
+            Strings{"I [checkDnsSocket:N]error id(cdab,3412) from 192.0.2.7"});
   EXPECT_EQ(run(header(3, 1).fill(10, 0).b, &from6).logs,
-            Strings{"info [checkDnsSocket]error questCount(3) from 2001:db8::53"});
+            Strings{"I [checkDnsSocket:N]error questCount(3) from 2001:db8::53"});
   EXPECT_EQ(run(response(kQ, 1).raw({0xC0, 0x0C}).b, &from4).logs,
-            Strings{"error [checkDnsSocket]error protol(domain:aaa.bbbbbbb.ccc,count:0/1) from 192.0.2.7"});
+            Strings{"E [checkDnsSocket:N]error protol(domain:aaa.bbbbbbb.ccc,count:0/1) from 192.0.2.7"});
   EXPECT_EQ(run(response(kQ, 1).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(1).u16(9).raw({1}).b, &from6).logs,
-            Strings{"error [checkDnsSocket]error protol(aaa.bbbbbbb.ccc,data_len:9,count:0/1) from 2001:db8::53"});
+            Strings{"E [checkDnsSocket:N]error protol(aaa.bbbbbbb.ccc,data_len:9,count:0/1) from 2001:db8::53"});
 }
 
 TEST_F(DnsAnswers, WithoutCallbackAnswersStillFillTheCache) {
@@ -501,17 +381,18 @@ TEST_F(DnsAnswers, CheckDnsSocketReadsOneDatagram) {
   calls.clear();
   EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), 0);
   EXPECT_EQ(calls, Strings{"aaa.bbbbbbb.ccc: 1.2.3.4"});
-  EXPECT_EQ(sink().drain(), Strings{});
+  EXPECT_EQ(log_.TakeNormalized(), Strings{});
   EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), -1);
-  EXPECT_EQ(sink().drain(), Strings{"info [checkDnsSocket]error size(7) from 127.0.0.1"});
+  EXPECT_EQ(log_.TakeNormalized(), Strings{"I [checkDnsSocket:N]error size(7) from 127.0.0.1"});
   // Nothing left: the failed read is reported.
   EXPECT_EQ(rk::dns::checkDnsSocket(&context_, udp), -1);
-  EXPECT_EQ(sink().drain(), Strings{"error [checkDnsSocket]error recvfrom"});
+  EXPECT_EQ(log_.TakeNormalized(), Strings{"E [checkDnsSocket:N]error recvfrom"});
   EXPECT_EQ(rk::dns::checkDnsSocket(&context_, -1), -1);
   EXPECT_EQ(rk::dns::checkDnsSocket(nullptr, udp), -1);
-  EXPECT_EQ(sink().drain(), Strings{});
+  EXPECT_EQ(log_.TakeNormalized(), Strings{});
   close(peer);
   close(udp);
 }
 
 }  // namespace
+}  // namespace rk::test

@@ -11,6 +11,7 @@
 #include "dns/cache.h"
 #include <routerkit/log.h>
 
+namespace rk::test {
 namespace {
 
 uint64_t fakeNow = 0;
@@ -273,3 +274,4 @@ TEST(DnsCacheLifetime, DestroyFreesEverything) {
 }
 
 }  // namespace
+}  // namespace rk::test

@@ -10,40 +10,17 @@
 
 #include "dns/codec.h"
 #include "dns/internal.h"
+#include "rk_test.h"
 
+namespace rk::test {
 namespace {
 
 using rk::dns::WireView;
 using Bytes = std::vector<uint8_t>;
 
-// "03 'aaa 00": hex bytes, and words after an apostrophe taken literally.
-Bytes bytes(const std::string &hex) {
-  Bytes out;
-  size_t i = 0;
-  while (i < hex.size()) {
-    size_t end = hex.find(' ', i);
-    if (end == std::string::npos) end = hex.size();
-    const std::string word = hex.substr(i, end - i);
-    if (!word.empty() && word[0] == '\'') {
-      out.insert(out.end(), word.begin() + 1, word.end());
-    } else if (!word.empty()) {
-      out.push_back(static_cast<uint8_t>(std::stoi(word, nullptr, 16)));
-    }
-    i = end + 1;
-  }
-  return out;
-}
-
-std::string hex(const uint8_t *p, size_t n) {
-  std::string s;
-  char b[4];
-  for (size_t i = 0; i < n; ++i) {
-    snprintf(b, sizeof b, i ? " %02x" : "%02x", p[i]);
-    s += b;
-  }
-  return s;
-}
-std::string hex(const Bytes &b) { return hex(b.data(), b.size()); }
+Bytes bytes(const std::string &text) { return Hex(text); }
+std::string hex(const uint8_t *p, size_t n) { return ToHex(p, n); }
+std::string hex(const Bytes &b) { return ToHex(b); }
 
 constexpr uint8_t kUntouched = 0xEE;
 
@@ -417,3 +394,4 @@ TEST(DnsQuery, PtrQueryForAnIpv4Address) {
 }
 
 }  // namespace
+}  // namespace rk::test

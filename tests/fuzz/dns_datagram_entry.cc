@@ -29,7 +29,7 @@
 #include <string>
 
 #include "dns/internal.h"
-#include "syslog_capture.h"
+#include "rk_test.h"
 
 #include <routerkit/async_dns.h>
 
@@ -77,7 +77,7 @@ FuzzState &state() {
     // The library logs every refused datagram; inside the test namespace
     // syslog goes nowhere (the messages are still formatted), outside of it
     // we refuse to run rather than flood the machine's log.
-    if (!rk::test::silenceSyslog()) fail("run this through tests/support/rk-ns-run");
+    if (!rk::test::SilenceSyslog()) fail("run this through tests/support/rk-ns-run");
     uloop_init();
     f.ctx = asyncDns_create(&onAnswer);
     if (!f.ctx) fail("asyncDns_create failed");

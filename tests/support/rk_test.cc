@@ -109,11 +109,16 @@ TempDir::~TempDir() {
 
 std::vector<uint8_t> Hex(const std::string &text) {
   std::vector<uint8_t> out;
-  std::string digits;
-  for (char c : text)
-    if (c != ' ' && c != '\n') digits += c;
-  for (size_t i = 0; i + 1 < digits.size(); i += 2)
-    out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+  std::istringstream words(text);
+  std::string word;
+  while (words >> word) {
+    if (word[0] == '\'') {
+      out.insert(out.end(), word.begin() + 1, word.end());
+      continue;
+    }
+    for (size_t i = 0; i + 1 < word.size(); i += 2)
+      out.push_back(static_cast<uint8_t>(std::stoul(word.substr(i, 2), nullptr, 16)));
+  }
   return out;
 }
 
@@ -122,6 +127,7 @@ std::string ToHex(const void *data, size_t len) {
   const auto *p = static_cast<const uint8_t *>(data);
   std::string out;
   for (size_t i = 0; i < len; i++) {
+    if (i) out += ' ';
     out += digits[p[i] >> 4];
     out += digits[p[i] & 15];
   }

@@ -47,9 +47,10 @@ class TempDir {
 };
 
 // ---- bytes ----
-// Bytes spelled as hex ("8500000c 0001 6e"); blanks are ignored.
+// Bytes spelled as hex words ("8500000c 0001 6e"); a word that starts with
+// an apostrophe stands for its own characters ("03 'aaa 00").
 std::vector<uint8_t> Hex(const std::string &text);
-// Lower-case hex of `len` bytes, no blanks.
+// Lower-case hex of `len` bytes, one blank between bytes ("12 34 01").
 std::string ToHex(const void *data, size_t len);
 inline std::string ToHex(const std::vector<uint8_t> &v) { return ToHex(v.data(), v.size()); }
 

@@ -1,65 +1,21 @@
 // Helpers for the libuci tests: a private configuration and save directory
-// per test, file helpers, and a printed form of a package that makes "same
-// tree except for this change" a string comparison. Only the public API is
-// used, so the tests hold against the platform's libuci as well.
+// per test and a printed form of a package that makes "same tree except for
+// this change" a string comparison. Only the public API is used, so the
+// tests hold against the platform's libuci as well.
 #pragma once
 
-#include <ftw.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <uci.h>
 
-namespace ucitest {
+#include "rk_test.h"
 
-inline std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+namespace rk::test {
 
-inline bool Exists(const std::string &path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
-
-inline void WriteFile(const std::string &path, const std::string &text, mode_t mode = 0644) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  out.close();
-  ASSERT_TRUE(out.good()) << path;
-  ASSERT_EQ(0, chmod(path.c_str(), mode));
-}
-
-inline ino_t Inode(const std::string &path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return 0;
-  return st.st_ino;
-}
-
-inline mode_t Mode(const std::string &path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) return 0;
-  return st.st_mode & 07777;
-}
-
-inline void RemoveTree(const std::string &dir) {
-  nftw(
-      dir.c_str(),
-      [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 16,
-      FTW_DEPTH | FTW_PHYS);
-}
-
-// "type name(anon)" per section, "  opt=value" / "  opt=[a,b]" per option.
+// "type name(anon)" per section, "  opt='value'" / "  opt=['a','b']" per option.
 inline std::string Dump(uci_package *p) {
   std::string out;
   uci_element *se;
@@ -71,35 +27,19 @@ inline std::string Dump(uci_package *p) {
       uci_option *o = uci_to_option(oe);
       out += std::string("  ") + oe->name + "=";
       if (o->type == UCI_TYPE_STRING) {
-        out += std::string("'") + o->v.string + "'";
-      } else {
-        out += "[";
-        uci_element *item;
-        bool first = true;
-        uci_foreach_element(&o->v.list, item) {
-          out += std::string(first ? "" : ",") + "'" + item->name + "'";
-          first = false;
-        }
-        out += "]";
+        out += std::string("'") + o->v.string + "'\n";
+        continue;
       }
-      out += "\n";
+      const char *sep = "[";
+      uci_element *item;
+      uci_foreach_element(&o->v.list, item) {
+        out += std::string(sep) + "'" + item->name + "'";
+        sep = ",";
+      }
+      out += "]\n";
     }
   }
   return out;
-}
-
-inline int CountSections(uci_package *p) {
-  int n = 0;
-  uci_element *e;
-  uci_foreach_element(&p->sections, e) ++n;
-  return n;
-}
-
-inline int CountPackages(uci_context *ctx) {
-  int n = 0;
-  uci_element *e;
-  uci_foreach_element(&ctx->root, e) ++n;
-  return n;
 }
 
 // The value of string option `opt` of section `sec`, or "<none>".
@@ -110,44 +50,17 @@ inline std::string Get(uci_context *ctx, uci_package *p, const char *sec, const 
   return v ? v : "<none>";
 }
 
-// A uci_ptr over its own writable copy of "pkg.sec.opt=value".
-class Ptr {
- public:
-  explicit Ptr(const std::string &path) : buf_(path.begin(), path.end()) {
-    buf_.push_back('\0');
-    memset(&ptr_, 0, sizeof ptr_);
-  }
-  int Lookup(uci_context *ctx, bool extended = false) {
-    return uci_lookup_ptr(ctx, &ptr_, buf_.data(), extended);
-  }
-  uci_ptr *operator->() { return &ptr_; }
-  uci_ptr *get() { return &ptr_; }
-
- private:
-  std::vector<char> buf_;
-  uci_ptr ptr_;
-};
-
-// A fresh confdir and savedir under /tmp (the test namespace's own tmpfs)
-// and a context pointed at them.
+// A fresh confdir and savedir under /tmp and a context pointed at them.
 class UciTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/uci-test-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    root_ = tmpl;
-    conf_ = root_ + "/config";
-    save_ = root_ + "/save";
     ASSERT_EQ(0, mkdir(conf_.c_str(), 0755));
     ctx_ = NewContext();
     ASSERT_NE(nullptr, ctx_);
   }
-
   void TearDown() override {
     if (ctx_) uci_free_context(ctx_);
-    RemoveTree(root_);
   }
-
   uci_context *NewContext() {
     uci_context *ctx = uci_alloc_context();
     if (ctx) {
@@ -156,16 +69,13 @@ class UciTest : public ::testing::Test {
     }
     return ctx;
   }
-
   std::string Conf(const std::string &name) const { return conf_ + "/" + name; }
   std::string Saved(const std::string &name) const { return save_ + "/" + name; }
-
   uci_package *Load(const char *name) {
     uci_package *p = nullptr;
     EXPECT_EQ(UCI_OK, uci_load(ctx_, name, &p)) << name;
     return p;
   }
-
   // Loads `name` in a context of its own and prints it.
   std::string FreshDump(const char *name) {
     uci_context *ctx = NewContext();
@@ -176,8 +86,9 @@ class UciTest : public ::testing::Test {
     return out;
   }
 
-  std::string root_, conf_, save_;
+  TempDir dir_;
+  std::string conf_ = dir_ / "config", save_ = dir_ / "save";
   uci_context *ctx_ = nullptr;
 };
 
-}  // namespace ucitest
+}  // namespace rk::test

@@ -1,0 +1,396 @@
+// The DNS client on real sockets and the test's own uloop: what needs the
+// kernel. Queries on the wire (servers and families in order, exact bytes,
+// identifiers), answers from a responder of the test's own (one callback per
+// datagram, the cache answering inside the lookup), events on the client's
+// sockets, and dnsmasq as a real server. Every case runs in private
+// namespaces, where port 53 of 127.0.0.1 and ::1 is free.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "dns_test.h"
+#include "rk_test.h"
+
+namespace rk::test {
+namespace {
+
+// ---- a responder of the test's own: one dual-stack socket at [::]:53 ----
+
+struct Query {
+  Bytes bytes;
+  sockaddr_in6 from{};
+  std::string to;  // the local address it was sent to ("127.0.0.1", "::1")
+  uint16_t type() const { return bytes.size() >= 4 ? static_cast<uint16_t>(bytes[bytes.size() - 4] << 8 | bytes[bytes.size() - 3]) : 0; }
+};
+
+class Server {
+ public:
+  Server() {
+    fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int off = 0, on = 1;
+    setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
+    sockaddr_in6 any{};
+    any.sin6_family = AF_INET6;
+    any.sin6_port = htons(53);
+    ok_ = bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) == 0;
+  }
+  ~Server() { close(fd_); }
+  bool ok() const { return ok_; }
+
+  // The next query within `ms`, if any.
+  bool Next(Query *q, int ms = 1000) {
+    pollfd p{fd_, POLLIN, 0};
+    if (poll(&p, 1, ms) != 1) return false;
+    uint8_t buf[2048];
+    char control[256];
+    iovec iov{buf, sizeof buf};
+    msghdr msg{};
+    msg.msg_name = &q->from;
+    msg.msg_namelen = sizeof q->from;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(fd_, &msg, 0);
+    if (n < 0) return false;
+    q->bytes.assign(buf, buf + n);
+    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+      if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
+      in6_pktinfo info;
+      memcpy(&info, CMSG_DATA(c), sizeof info);
+      char text[INET6_ADDRSTRLEN] = "";
+      if (IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr))
+        inet_ntop(AF_INET, &info.ipi6_addr.s6_addr[12], text, sizeof text);
+      else
+        inet_ntop(AF_INET6, &info.ipi6_addr, text, sizeof text);
+      q->to = text;
+    }
+    return true;
+  }
+  std::vector<Query> Take(size_t n) {
+    std::vector<Query> out;
+    Query q;
+    while (out.size() < n && Next(&q)) out.push_back(q);
+    return out;
+  }
+  bool Reply(const Query &q, const Bytes &bytes) {
+    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&q.from), sizeof q.from) ==
+           static_cast<ssize_t>(bytes.size());
+  }
+  // True once a datagram sent to `address`:53 arrives here (a new IPv6
+  // address on lo takes a moment before it delivers).
+  bool Reaches(const char *address) {
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    to.sin6_port = htons(53);
+    inet_pton(AF_INET6, address, &to.sin6_addr);
+    int tx = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool ok = false;
+    for (int i = 0; i < 200 && !ok; i++) {
+      Query q;
+      sendto(tx, "x", 1, 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+      ok = Next(&q, 20) && q.to == address;
+    }
+    close(tx);
+    return ok;
+  }
+
+ private:
+  int fd_ = -1;
+  bool ok_ = false;
+};
+
+// ---- the client's callback ----
+
+std::vector<std::string> answers;
+bool in_lookup = false;
+
+int Record(AsyncDnsContext *, const char *name, DnsResult *result) {
+  answers.push_back((in_lookup ? "inside " : "") + Show(name, result));
+  return 0;
+}
+
+using ContextPtr = std::unique_ptr<AsyncDnsContext, int (*)(AsyncDnsContext *)>;
+
+// Runs the loop until `n` answers are in or a second has passed.
+bool RunUntil(size_t n) {
+  uloop_timeout guard{};
+  guard.cb = [](uloop_timeout *) { uloop_end(); };
+  uloop_timeout_set(&guard, 1000);
+  while (answers.size() < n && guard.pending) uloop_run_timeout(10);
+  uloop_timeout_cancel(&guard);
+  return answers.size() >= n;
+}
+
+int Lookup(AsyncDnsContext *c, const char *name) {
+  in_lookup = true;
+  int ret = asyncLookup(c, name);
+  in_lookup = false;
+  return ret;
+}
+
+Bytes Query33(uint16_t id_network, uint16_t type) {
+  Packet p;
+  p.raw(Bytes{static_cast<uint8_t>(id_network & 0xff), static_cast<uint8_t>(id_network >> 8)});
+  return p.u16(0x0100).u16(1).u16(0).u16(0).u16(0).raw(Labels("aaa.bbbbbbb.ccc")).u16(type).u16(1).b;
+}
+
+class DnsE2e : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RK_REQUIRE_NAMESPACE();
+    ASSERT_EQ(uloop_init(), 0);
+    answers.clear();
+    ctx_.reset(asyncDns_create(Record));
+    ASSERT_TRUE(ctx_);
+  }
+  void TearDown() override {
+    ctx_.reset();
+    uloop_done();
+  }
+  AsyncDnsContext *c() { return ctx_.get(); }
+  ContextPtr ctx_{nullptr, asyncDns_destroy};
+};
+
+TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
+  Server server;
+  ASSERT_TRUE(server.ok());
+  for (const char *a : {"fd00:53::1", "fd00:53::2"}) {
+    ASSERT_EQ(system((std::string("ip -6 addr add ") + a + "/128 dev lo nodad").c_str()), 0);
+    ASSERT_TRUE(server.Reaches(a)) << a;
+  }
+  const std::vector<std::string> v4 = {"127.0.0.3", "127.0.0.1", "127.0.0.2"};
+  const std::vector<std::string> v6 = {"fd00:53::2", "::1", "fd00:53::1"};
+  for (const auto &s : v4) ASSERT_EQ(asyncDns_AddServer(c(), s.c_str()), 0);
+  for (const auto &s : v6) ASSERT_EQ(asyncDns_AddServer6(c(), s.c_str()), 0);
+  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);  // already there: still one
+
+  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
+  std::vector<std::string> got, want;
+  for (const Query &q : server.Take(13)) {
+    got.push_back(q.to + (q.type() == 1 ? " A" : " AAAA"));
+    EXPECT_EQ(ToHex(q.bytes), ToHex(Query33(c()->id, q.type() == 1 ? 1 : 28)));
+  }
+  for (const char *type : {" A", " AAAA"}) {
+    for (const auto &s : v4) want.push_back(s + type);
+    for (const auto &s : v6) want.push_back(s + type);
+  }
+  EXPECT_EQ(got, want);
+  EXPECT_TRUE(answers.empty());  // nothing waits for an answer
+}
+
+TEST(DnsIdentifiers, ProcessIdThenOneMorePerContext) {
+  // A fresh process: its first context carries getpid(), the next one more.
+  EXPECT_EQ(RunInChild([] {
+              AsyncDnsContext *a = asyncDns_create(nullptr);
+              AsyncDnsContext *b = asyncDns_create(nullptr);
+              bool ok = a && b && ntohs(a->id) == static_cast<uint16_t>(getpid()) &&
+                        ntohs(b->id) == static_cast<uint16_t>(getpid() + 1);
+              asyncDns_destroy(a);
+              asyncDns_destroy(b);
+              return ok ? 0 : 1;
+            }),
+            0);
+}
+
+TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
+  Server server;
+  ASSERT_TRUE(server.ok());
+  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
+  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
+  std::vector<Query> q = server.Take(2);
+  ASSERT_EQ(q.size(), 2u);
+  const uint16_t id = ntohs(c()->id);
+  ASSERT_TRUE(server.Reply(q[0], Response(id, "aaa.bbbbbbb.ccc", 1).answer(1, 300, V4("192.0.2.1")).b));
+  ASSERT_TRUE(server.Reply(q[1], Response(id, "aaa.bbbbbbb.ccc", 1, 28).answer(28, 300, V6("2001:db8::1")).b));
+  ASSERT_TRUE(RunUntil(2));
+  EXPECT_EQ(answers, (std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1", "aaa.bbbbbbb.ccc: 2001:db8::1"}));
+
+  answers.clear();
+  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
+  EXPECT_EQ(answers, std::vector<std::string>{"inside aaa.bbbbbbb.ccc: 2001:db8::1 192.0.2.1"});
+  Query none;
+  EXPECT_FALSE(server.Next(&none, 50));  // nothing was sent
+}
+
+TEST_F(DnsE2e, OneDatagramPerReadEventAndTheRegistrationRenewed) {
+  Server server;
+  ASSERT_TRUE(server.ok());
+  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
+  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
+  std::vector<Query> q = server.Take(2);
+  ASSERT_EQ(q.size(), 2u);
+  for (const char *a : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
+    ASSERT_TRUE(server.Reply(q[0], Response(ntohs(c()->id), "aaa.bbbbbbb.ccc", 1).answer(1, 0, V4(a)).b));
+  c()->dnsSock.cb(&c()->dnsSock, ULOOP_READ);
+  EXPECT_EQ(answers, std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1"});
+  c()->dnsSock.cb(&c()->dnsSock, ULOOP_WRITE);  // not a read event: nothing read
+  EXPECT_EQ(answers.size(), 1u);
+  ASSERT_TRUE(RunUntil(3));
+  EXPECT_EQ(answers.back(), "aaa.bbbbbbb.ccc: 192.0.2.3");
+  EXPECT_TRUE(c()->dnsSock.registered);
+}
+
+TEST_F(DnsE2e, ErrorOrEofClosesThatFamilysSocketForGood) {
+  struct Row {
+    bool v4, eof;
+    const char *left;  // the local address the next queries reach
+  } rows[] = {{true, false, "::1"}, {false, true, "127.0.0.1"}};
+  for (const Row &row : rows) {
+    ctx_.reset(asyncDns_create(Record));
+    ASSERT_TRUE(ctx_);
+    ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
+    ASSERT_EQ(asyncDns_AddServer6(c(), "::1"), 0);
+    uloop_fd *sock = row.v4 ? &c()->dnsSock : &c()->dns6Sock;
+    const int fd = sock->fd;
+    (row.eof ? sock->eof : sock->error) = true;
+    sock->cb(sock, ULOOP_READ);
+    EXPECT_EQ(sock->fd, -1) << row.left;
+    EXPECT_EQ(sock->registered, row.eof) << "no uloop_fd_delete on eof";
+    // The number is free again: take it, and destroy must not close it.
+    int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (other != fd) {
+      int dup = fcntl(other, F_DUPFD_CLOEXEC, fd);
+      close(other);
+      other = dup;
+    }
+    ASSERT_EQ(other, fd);
+
+    Server server;
+    ASSERT_TRUE(server.ok());
+    ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);  // the other family goes on
+    std::vector<Query> q = server.Take(3);
+    ASSERT_EQ(q.size(), 2u);
+    EXPECT_EQ(q[0].to, row.left);
+    EXPECT_EQ(q[1].to, row.left);
+    ctx_.reset();
+    EXPECT_NE(fcntl(other, F_GETFD), -1);
+    close(other);
+  }
+}
+
+TEST_F(DnsE2e, SocketsAreCloseOnExecWithTheirReceiveBuffer) {
+  for (int fd : {c()->dnsSock.fd, c()->dns6Sock.fd}) {
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    int rcvbuf = 0;
+    socklen_t len = sizeof rcvbuf;
+    ASSERT_EQ(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, &len), 0);
+    EXPECT_EQ(rcvbuf, 2 * 131072);  // the kernel doubles what was asked for
+  }
+  const int fd4 = c()->dnsSock.fd, fd6 = c()->dns6Sock.fd;
+  ctx_.reset();
+  EXPECT_EQ(fcntl(fd4, F_GETFD), -1);
+  EXPECT_EQ(fcntl(fd6, F_GETFD), -1);
+}
+
+// ---- dnsmasq (Debian's) as the server ----
+
+class Dnsmasq {
+ public:
+  explicit Dnsmasq(std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
+                               "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
+                               "--conf-file=/dev/null", "--log-facility=-"});
+    if (access(args[0].c_str(), X_OK) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the test
+      std::vector<char *> argv;
+      for (auto &a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    // Ready when both sockets answer a query (at most 10 s).
+    const Bytes probe = Packet().u16(0x5151).u16(0x0100).u16(1).u16(0).u16(0).u16(0).raw(Labels("x.lan")).u16(1).u16(1).b;
+    for (int i = 0; i < 200 && !ready_; i++) {
+      ready_ = Answers(AF_INET, "127.0.0.1", probe) && Answers(AF_INET6, "::1", probe);
+      if (!ready_) usleep(50 * 1000);
+    }
+  }
+  ~Dnsmasq() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  bool ready() const { return ready_; }
+
+ private:
+  static bool Answers(int family, const char *address, const Bytes &query) {
+    int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in6 to6{};
+    sockaddr_in to4{};
+    to4.sin_family = AF_INET;
+    to4.sin_port = htons(53);
+    to6.sin6_family = AF_INET6;
+    to6.sin6_port = htons(53);
+    inet_pton(family, address, family == AF_INET ? static_cast<void *>(&to4.sin_addr) : &to6.sin6_addr);
+    const sockaddr *to = family == AF_INET ? reinterpret_cast<sockaddr *>(&to4) : reinterpret_cast<sockaddr *>(&to6);
+    sendto(fd, query.data(), query.size(), 0, to, family == AF_INET ? sizeof to4 : sizeof to6);
+    pollfd p{fd, POLLIN, 0};
+    bool ok = poll(&p, 1, 100) == 1;
+    close(fd);
+    return ok;
+  }
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+TEST_F(DnsE2e, Dnsmasq) {
+  Dnsmasq server({"--host-record=multi.test.lan,192.0.2.1,2001:db8::1,300",
+                  "--host-record=multi.test.lan,192.0.2.2,2001:db8::2,300",
+                  "--ptr-record=100.1.168.192.in-addr.arpa,router.test.lan"});
+  ASSERT_TRUE(server.ready());
+  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
+  ASSERT_EQ(asyncDns_AddServer6(c(), "::1"), 0);
+
+  // Several addresses of both families, from both servers.
+  ASSERT_EQ(Lookup(c(), "multi.test.lan"), 0);
+  ASSERT_TRUE(RunUntil(4));
+  for (std::string &line : answers) {  // dnsmasq rotates the addresses of a name
+    std::vector<std::string> words;
+    std::istringstream in(line);
+    for (std::string w; in >> w;) words.push_back(w);
+    std::sort(words.begin() + 1, words.end());
+    line = words[0];
+    for (size_t i = 1; i < words.size(); i++) line += " " + words[i];
+  }
+  std::sort(answers.begin(), answers.end());
+  EXPECT_EQ(answers, (std::vector<std::string>{
+                         "multi.test.lan: 192.0.2.1 192.0.2.2", "multi.test.lan: 192.0.2.1 192.0.2.2",
+                         "multi.test.lan: 2001:db8::1 2001:db8::2", "multi.test.lan: 2001:db8::1 2001:db8::2"}));
+  answers.clear();
+  ASSERT_EQ(Lookup(c(), "multi.test.lan"), 0);  // cached now, each address once
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_EQ(answers[0].rfind("inside multi.test.lan: ", 0), 0u);
+  EXPECT_EQ(std::count(answers[0].begin(), answers[0].end(), ' '), 5);
+
+  // A reverse lookup; its answers are not cached.
+  answers.clear();
+  DnsAddressEntry e = Entry("192.168.1.100");
+  ASSERT_EQ(asyncLookupPtr(c(), &e), 0);
+  ASSERT_TRUE(RunUntil(2));
+  EXPECT_EQ(answers, (std::vector<std::string>{"router.test.lan: 192.168.1.100", "router.test.lan: 192.168.1.100"}));
+  uint8_t buf[4 + 28 * 4];
+  EXPECT_EQ(DnsCache_Get(c()->cache, "router.test.lan", reinterpret_cast<DnsResult *>(buf), 4), -1);
+}
+
+}  // namespace
+}  // namespace rk::test

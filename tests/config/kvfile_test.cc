@@ -7,11 +7,12 @@
 #include <syslog.h>
 
 #include <optional>
-#include <regex>
 #include <string>
+#include <vector>
 
-#include "diag_support.h"
+#include "rk_test.h"
 
+namespace rk::test {
 namespace {
 
 constexpr char kFill = '#';
@@ -28,9 +29,9 @@ struct Out {
 
 class KvTest : public ::testing::Test {
  protected:
-  void SetUp() override { fds_ = rk::test::OpenFdCount(); }
+  void SetUp() override { fds_ = OpenFdCount(); }
   // Every path out of the readers closes what they opened.
-  void TearDown() override { EXPECT_EQ(rk::test::OpenFdCount(), fds_); }
+  void TearDown() override { EXPECT_EQ(OpenFdCount(), fds_); }
   int fds_ = 0;
 };
 
@@ -90,11 +91,11 @@ const FileCase kFileCases[] = {
 class FileValueTest : public KvTest {};
 
 TEST_F(FileValueTest, LineFormsAndEdges) {
-  rk::test::TempDir dir;
+  TempDir dir;
   const std::string path = dir / "values";
   for (const FileCase &c : kFileCases) {
     SCOPED_TRACE(c.what);
-    ASSERT_TRUE(rk::test::WriteFile(path, c.content));
+    ASSERT_TRUE(WriteFile(path, c.content));
     Out out;
     EXPECT_EQ(getValueFromFile(path.c_str(), c.key.c_str(), out.bytes, c.size), c.result);
     if (c.out)
@@ -106,11 +107,11 @@ TEST_F(FileValueTest, LineFormsAndEdges) {
 
 TEST_F(FileValueTest, BadArgumentsAreLoggedAndRefused) {
   RK_REQUIRE_NAMESPACE();
-  rk_test::SyslogSink sink;
-  ASSERT_TRUE(sink.bound());
-  rk::test::TempDir dir;
+  SyslogCapture sink;
+  ASSERT_TRUE(sink.ok());
+  TempDir dir;
   const std::string path = dir / "values";
-  ASSERT_TRUE(rk::test::WriteFile(path, "a=1\n"));
+  ASSERT_TRUE(WriteFile(path, "a=1\n"));
 
   struct Case {
     const char *path;
@@ -125,37 +126,29 @@ TEST_F(FileValueTest, BadArgumentsAreLoggedAndRefused) {
     Out out;
     EXPECT_EQ(getValueFromFile(c.path, c.key, c.out ? out.bytes : nullptr, c.size), -1);
     EXPECT_TRUE(out.untouched());
-    auto msg = sink.Next();
-    ASSERT_TRUE(msg);
-    EXPECT_EQ(msg->priority, LOG_LOCAL0 | LOG_ERR);
-    EXPECT_TRUE(std::regex_match(
-        msg->text, std::regex(R"(\[getValueFromFile:\d+\]getVersionInfoFromFile value is NULL)")))
-        << msg->raw;
-    EXPECT_FALSE(sink.Next());
+    const std::vector<LogLine> lines = sink.Take();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].facility, LOG_LOCAL0 >> 3);
+    EXPECT_EQ(lines[0].Normalized(), "E [getValueFromFile:N]getVersionInfoFromFile value is NULL");
   }
   closelog();  // syslog's own connection is not the reader's to keep
 }
 
 TEST_F(FileValueTest, UnreadableFileIsLoggedAndRefused) {
   RK_REQUIRE_NAMESPACE();
-  rk_test::SyslogSink sink;
-  ASSERT_TRUE(sink.bound());
+  SyslogCapture sink;
+  ASSERT_TRUE(sink.ok());
   Out out;
   EXPECT_EQ(getValueFromFile("/etc/no-such-file", "serial", out.bytes, 64), -1);
   EXPECT_TRUE(out.untouched());
-  auto msg = sink.Next();
-  ASSERT_TRUE(msg);
-  EXPECT_EQ(msg->priority, LOG_LOCAL0 | LOG_ERR);
-  EXPECT_TRUE(std::regex_match(
-      msg->text,
-      std::regex(R"(\[getValueFromFile:\d+\]open /etc/no-such-file for read key=serial ERROR)")))
-      << msg->raw;
+  EXPECT_EQ(sink.TakeNormalized(),
+            std::vector<std::string>{"E [getValueFromFile:N]open /etc/no-such-file for read key=serial ERROR"});
   closelog();  // syslog's own connection is not the reader's to keep
 }
 
 TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
   RK_REQUIRE_NAMESPACE();
-  ASSERT_TRUE(rk::test::WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n"));
+  ASSERT_TRUE(WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n"));
   Out out;
   EXPECT_EQ(getValueFromFile("/etc/version", "firmware_version", out.bytes, 64), 5);
   EXPECT_EQ(out.text(), "1.2.3");
@@ -166,9 +159,9 @@ TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
 // Installs a /usr/bin/factory that prints `output` and exits with `status`,
 // and records its arguments in /tmp/factory.args.
 void InstallTool(const std::string &output, int status = 0) {
-  ASSERT_TRUE(rk::test::WriteFile("/tmp/factory.out", output));
+  ASSERT_TRUE(WriteFile("/tmp/factory.out", output));
   unlink("/tmp/factory.args");
-  ASSERT_TRUE(rk::test::WriteFile("/usr/bin/factory",
+  ASSERT_TRUE(WriteFile("/usr/bin/factory",
                                   "#!/bin/sh\n"
                                   "printf '%s' \"$*\" > /tmp/factory.args\n"
                                   "cat /tmp/factory.out\n"
@@ -208,7 +201,7 @@ class FactoryTest : public KvTest {
     KvTest::SetUp();
   }
   // The tool's own complaints (sh: not found) stay out of the test output.
-  rk_test::StderrCapture err_;
+  StderrCapture err_;
 };
 
 TEST_F(FactoryTest, OutputFormsAndEdges) {
@@ -221,7 +214,7 @@ TEST_F(FactoryTest, OutputFormsAndEdges) {
       EXPECT_EQ(out.text(), *c.out);
     else
       EXPECT_TRUE(out.untouched());
-    EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show sn");
+    EXPECT_EQ(ReadFile("/tmp/factory.args"), "show sn");
   }
 }
 
@@ -248,8 +241,8 @@ TEST_F(FactoryTest, FailedStartGivesMinusOne) {
   InstallTool("sn=ABC\n");
   Out out;
   // No pipe for popen: the tool never starts.
-  const int code = rk_test::RunInChild([&] {
-    if (!rk_test::FailSyscall(SYS_pipe2, EMFILE)) return 2;
+  const int code = RunInChild([&] {
+    if (!FailSyscall(SYS_pipe2, EMFILE)) return 2;
     return getFactoryValue("sn", out.bytes, 64) == -1 && out.untouched() ? 0 : 1;
   });
   EXPECT_EQ(code, 0);
@@ -257,7 +250,7 @@ TEST_F(FactoryTest, FailedStartGivesMinusOne) {
 
 TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
   InstallTool("sn=ABC\n");
-  rk_test::SyslogSink sink;  // and log nothing
+  SyslogCapture sink;  // and log nothing
   Out out;
   EXPECT_EQ(getFactoryValue(nullptr, out.bytes, 64), -1);
   EXPECT_EQ(getFactoryValue("", out.bytes, 64), -1);
@@ -265,8 +258,8 @@ TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
   EXPECT_EQ(getFactoryValue("sn", out.bytes, 0), -1);
   EXPECT_EQ(getFactoryValue("sn", out.bytes, -5), -1);
   EXPECT_TRUE(out.untouched());
-  EXPECT_FALSE(rk::test::FileExists("/tmp/factory.args"));
-  EXPECT_FALSE(sink.Next());
+  EXPECT_FALSE(FileExists("/tmp/factory.args"));
+  EXPECT_TRUE(sink.Take().empty());
 }
 
 TEST_F(FactoryTest, LongKeyIsCutWithTheCommandAt255Bytes) {
@@ -275,7 +268,7 @@ TEST_F(FactoryTest, LongKeyIsCutWithTheCommandAt255Bytes) {
   Out out;
   EXPECT_EQ(getFactoryValue(key.c_str(), out.bytes, 64), 0);
   const size_t prefix = strlen("/usr/bin/factory show ");
-  EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
+  EXPECT_EQ(ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
 }
 
 TEST_F(FactoryTest, ProvinceCode) {
@@ -283,7 +276,7 @@ TEST_F(FactoryTest, ProvinceCode) {
   Out out;
   EXPECT_EQ(getTheProvinceCode(out.bytes, 64), 0);
   EXPECT_EQ(out.text(), "31");
-  EXPECT_EQ(rk::test::ReadFile("/tmp/factory.args"), "show provinceCode");
+  EXPECT_EQ(ReadFile("/tmp/factory.args"), "show provinceCode");
 
   // Every failure leaves an empty string.
   InstallTool("no value here\n");
@@ -299,3 +292,4 @@ TEST_F(FactoryTest, ProvinceCode) {
 }
 
 }  // namespace
+}  // namespace rk::test

@@ -12,9 +12,9 @@
 
 #include "uci_testutil.h"
 
+namespace rk::test {
 namespace {
 
-using rktest::stored;
 
 constexpr const char *kDevice =
     "config device 'main'\n"
@@ -31,7 +31,7 @@ constexpr const char *kDevice =
     "config iface 'lan'\n"
     "\toption proto 'static'\n";
 
-class OpenPackage : public rktest::UciFiles {
+class OpenPackage : public UciFiles {
  protected:
   void SetUp() override {
     UciFiles::SetUp();
@@ -283,7 +283,7 @@ TEST_F(OpenPackage, ChangesStayInTheContextUntilTheCallerCommits) {
   EXPECT_EQ(stored("dev", "lan", "proto"), "static");
   ASSERT_EQ(uci_commit(ctx_, &pkg_, false), 0);
   EXPECT_EQ(stored("dev", "lan", "proto"), "pppoe");
-  EXPECT_NE(rktest::read_file(rktest::conf_path("dev")).find("\toption proto 'pppoe'\n"),
+  EXPECT_NE(ReadFile(conf_path("dev")).find("\toption proto 'pppoe'\n"),
             std::string::npos);
 }
 
@@ -371,3 +371,4 @@ TEST_F(OpenPackage, SectionStringBelowOneByteWritesNothing) {
 }
 
 }  // namespace
+}  // namespace rk::test

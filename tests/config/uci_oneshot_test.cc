@@ -11,11 +11,9 @@
 
 #include "uci_testutil.h"
 
+namespace rk::test {
 namespace {
 
-using rktest::conf_path;
-using rktest::read_file;
-using rktest::stored;
 
 constexpr const char *kNetwork =
     "config interface 'wan'\n"
@@ -40,7 +38,7 @@ constexpr const char *kNetwork =
     "config host 'h2'\n"
     "\toption mac 'bb'\n";
 
-class OneShot : public rktest::UciFiles {
+class OneShot : public UciFiles {
  protected:
   void SetUp() override {
     UciFiles::SetUp();
@@ -271,13 +269,13 @@ TEST_F(OneShot, WriteIsCommittedToTheFirstMatchingSection) {
   EXPECT_EQ(stored("network", "lan", "proto"), "dhcp");
 
   // Committed to the file itself, with nothing left pending.
-  std::string text = read_file(conf_path("network"));
+  std::string text = ReadFile(conf_path("network"));
   EXPECT_NE(text.find("config interface 'wan'\n\toption proto 'dhcp'\n\toption mtu '1400'\n"),
             std::string::npos)
       << text;
   EXPECT_NE(text.find("config interface 'lan'\n\toption proto 'dhcp'\n"), std::string::npos)
       << text;
-  EXPECT_EQ(read_file(std::string(rktest::kSaveDir) + "/network"), "");
+  EXPECT_EQ(ReadFile(std::string(kSaveDir) + "/network"), "");
 }
 
 TEST_F(OneShot, TypedWritersStoreTheirText) {
@@ -311,44 +309,45 @@ TEST_F(OneShot, BooleanWriterLooksAtTheLowByteOnly) {
 }
 
 TEST_F(OneShot, WriterWithoutAMatchChangesNothing) {
-  const std::string before = read_file(conf_path("network"));
+  const std::string before = ReadFile(conf_path("network"));
   EXPECT_EQ(uciSetOptionString("network", "route", nullptr, "x", "1", 1), -1);
   EXPECT_EQ(uciSetOptionString("network", "interface", "sw0", "x", "1", 1), -1);
   EXPECT_EQ(uciSetOptionString("missing", "interface", nullptr, "x", "1", 1), -1);
   put("empty", "");
   EXPECT_EQ(uciSetOptionString("empty", "interface", nullptr, "x", "1", 1), -1);
-  EXPECT_EQ(read_file(conf_path("network")), before);
+  EXPECT_EQ(ReadFile(conf_path("network")), before);
   EXPECT_FALSE(std::filesystem::exists(conf_path("missing")));
 }
 
 TEST_F(OneShot, FailedCommitRevertsAndReportsFailure) {
-  const std::string before = read_file(conf_path("network"));
+  const std::string before = ReadFile(conf_path("network"));
   {
-    rktest::ReadOnlyDir ro(rktest::kConfDir);
+    ReadOnlyDir ro(kConfDir);
     ASSERT_TRUE(ro.ok());
     EXPECT_EQ(uciSetOptionString("network", nullptr, "lan", "proto", "pppoe", 5), -1);
     EXPECT_EQ(uciSetOptionInt32("network", nullptr, "lan", "mtu", 1492), -1);
   }
-  EXPECT_EQ(read_file(conf_path("network")), before);
+  EXPECT_EQ(ReadFile(conf_path("network")), before);
   // Nothing of the change survives: not in the file, not pending for a later
   // context. (That the revert is asked for is checked in uci_calls_test.)
   EXPECT_EQ(stored("network", "lan", "proto"), "static");
   EXPECT_EQ(stored("network", "lan", "mtu"), "<absent>");
-  EXPECT_EQ(read_file(std::string(rktest::kSaveDir) + "/network").find("lan"), std::string::npos);
+  EXPECT_EQ(ReadFile(std::string(kSaveDir) + "/network").find("lan"), std::string::npos);
 }
 
 TEST_F(OneShot, CommitFailingAfterTheReloadStillReverts) {
   // The file itself stays writable but its directory doesn't: libuci gets
   // as far as reloading the package (freeing the one the section came from)
   // before writing the new file fails.
-  const std::string before = read_file(conf_path("network"));
+  const std::string before = ReadFile(conf_path("network"));
   {
-    rktest::ReadOnlyDir ro(rktest::kConfDir, conf_path("network"));
+    ReadOnlyDir ro(kConfDir, conf_path("network"));
     ASSERT_TRUE(ro.ok());
     EXPECT_EQ(uciSetOptionString("network", "interface", nullptr, "proto", "pppoe", 5), -1);
   }
-  EXPECT_EQ(read_file(conf_path("network")), before);
+  EXPECT_EQ(ReadFile(conf_path("network")), before);
   EXPECT_EQ(stored("network", "wan", "proto"), "dhcp");
 }
 
 }  // namespace
+}  // namespace rk::test

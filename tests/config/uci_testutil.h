@@ -8,42 +8,15 @@
 #include <gtest/gtest.h>
 #include <uci.h>
 
+#include "rk_test.h"
+
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
-namespace rktest {
+namespace rk::test {
 
 constexpr const char *kConfDir = "/etc/config";
 constexpr const char *kSaveDir = "/tmp/.uci";
-
-// True inside rk-ns-run: /etc and /tmp are its overlay and tmpfs.
-inline bool in_private_namespace() {
-  std::ifstream mounts("/proc/self/mountinfo");
-  std::string line;
-  bool etc = false, tmp = false;
-  while (std::getline(mounts, line)) {
-    if (line.find(" /etc ") != std::string::npos && line.find(" rk-etc ") != std::string::npos)
-      etc = true;
-    if (line.find(" /tmp ") != std::string::npos && line.find(" rk-tmp ") != std::string::npos)
-      tmp = true;
-  }
-  return etc && tmp;
-}
-
-inline void write_file(const std::string &path, const std::string &text) {
-  std::ofstream f(path, std::ios::binary | std::ios::trunc);
-  f << text;
-  ASSERT_TRUE(f.good()) << path;
-}
-
-inline std::string read_file(const std::string &path) {
-  std::ifstream f(path, std::ios::binary);
-  std::ostringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 inline std::string conf_path(const std::string &package) {
   return std::string(kConfDir) + "/" + package;
@@ -53,14 +26,13 @@ inline std::string conf_path(const std::string &package) {
 class UciFiles : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(in_private_namespace())
-        << "UCI tests write /etc/config and /tmp/.uci; run them through ctest (rk-ns-run)";
+    RK_REQUIRE_NAMESPACE();
     std::filesystem::remove_all(kSaveDir);
     std::filesystem::remove_all(kConfDir);
     std::filesystem::create_directories(kConfDir);
   }
   void put(const std::string &package, const std::string &text) {
-    write_file(conf_path(package), text);
+    ASSERT_TRUE(WriteFile(conf_path(package), text));
   }
 };
 
@@ -107,4 +79,4 @@ class ReadOnlyDir {
   bool ok_ = false;
 };
 
-}  // namespace rktest
+}  // namespace rk::test

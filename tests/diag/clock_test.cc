@@ -10,8 +10,9 @@
 #include <string>
 
 #include "diag/clock.h"
-#include "diag_support.h"
+#include "rk_test.h"
 
+namespace rk::test {
 namespace {
 
 std::string OwnPath() {
@@ -23,7 +24,7 @@ std::string OwnPath() {
 std::string RunProgram(const std::string &program, const std::string &root = "") {
   int out[2];
   if (pipe(out) != 0) return "pipe failed";
-  pid_t pid = rk_test::StartChild([&] {
+  pid_t pid = StartChild([&] {
     dup2(out[1], STDOUT_FILENO);
     close(out[0]);
     close(out[1]);
@@ -36,7 +37,7 @@ std::string RunProgram(const std::string &program, const std::string &root = "")
   char buf[512];
   for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) text.append(buf, n);
   close(out[0]);
-  int code = rk_test::WaitChild(pid);
+  int code = WaitChild(pid);
   return code == 0 ? text : "exit " + std::to_string(code) + ": " + text;
 }
 
@@ -161,3 +162,4 @@ TEST(ExecutablePath, ProgramInTheRootDirectory) {
 }
 
 }  // namespace
+}  // namespace rk::test

@@ -29,8 +29,3 @@ rk_add_gtest(rk_diag_logfile_test
 
 # Forked children end with _exit; in a coverage build they write their
 # counters first.
-if(ROUTERKIT_COVERAGE)
-  foreach(t rk_diag_log_test rk_diag_clock_test rk_diag_logfile_test)
-    target_compile_definitions(${t} PRIVATE RK_GCOV_DUMP)
-  endforeach()
-endif()

@@ -14,11 +14,11 @@
 #include <thread>
 #include <vector>
 
-#include "diag_support.h"
+#include "rk_test.h"
 
+namespace rk::test {
 namespace {
 
-using rk::test::ReadFile;
 
 const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
 constexpr off_t kLimit = 1048576;
@@ -40,14 +40,14 @@ class LogFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_FALSE(dir_.path().empty());
-    fds_ = rk::test::OpenFdCount();
+    fds_ = OpenFdCount();
   }
   // Every message opens and closes its file: nothing may stay open.
-  void TearDown() override { EXPECT_EQ(rk::test::OpenFdCount(), fds_); }
+  void TearDown() override { EXPECT_EQ(OpenFdCount(), fds_); }
 
   std::string Pid() const { return std::to_string(getpid()); }
 
-  rk::test::TempDir dir_;
+  TempDir dir_;
   std::string path_ = dir_ / "daemon.log";
   int fds_ = 0;
 };
@@ -83,7 +83,7 @@ TEST_F(LogFileTest, MessageIsStampedWithLocalTimeAndPid) {
 }
 
 TEST_F(LogFileTest, AppendsAndAddsNoNewline) {
-  ASSERT_TRUE(rk::test::WriteFile(path_, "old line\n"));
+  ASSERT_TRUE(WriteFile(path_, "old line\n"));
   logfile_printf(path_.c_str(), "first %s", "half");
   logfile_printf(path_.c_str(), "%s\n", "second");
   const std::string expected =
@@ -110,7 +110,7 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
   for (Case c : {Case{0, false}, Case{kLimit - 1, false}, Case{kLimit, false},
                  Case{kLimit + 1, true}, Case{4 * kLimit, true}}) {
     SCOPED_TRACE(c.size);
-    ASSERT_TRUE(rk::test::WriteFile(path_, "head\n"));
+    ASSERT_TRUE(WriteFile(path_, "head\n"));
     ASSERT_EQ(truncate(path_.c_str(), c.size), 0);
     logfile_printf(path_.c_str(), "next\n");
 
@@ -128,7 +128,7 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
 
 TEST_F(LogFileTest, SizeTestSeesTheSymbolicLinkNotItsTarget) {
   const std::string target = dir_ / "big.log";
-  ASSERT_TRUE(rk::test::WriteFile(target, ""));
+  ASSERT_TRUE(WriteFile(target, ""));
   ASSERT_EQ(truncate(target.c_str(), 2 * kLimit), 0);
   ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
 
@@ -140,20 +140,20 @@ TEST_F(LogFileTest, SizeTestSeesTheSymbolicLinkNotItsTarget) {
 
 TEST_F(LogFileTest, MissingDirectoryIsReportedAndNotMade) {
   const std::string path = dir_ / "missing/daemon.log";
-  rk_test::StderrCapture err;
+  StderrCapture err;
   logfile_printf(path.c_str(), "lost\n");
   EXPECT_EQ(err.Stop(), "open " + path + " fail, errno : No such file or directory\n");
-  EXPECT_FALSE(rk::test::FileExists(dir_ / "missing"));
+  EXPECT_FALSE(FileExists(dir_ / "missing"));
 }
 
 TEST_F(LogFileTest, FailedLockLosesTheMessage) {
   const std::string err_file = dir_ / "stderr";
-  int code = rk_test::RunInChild([&] {
-    if (!freopen(err_file.c_str(), "w", stderr) || !rk_test::FailSyscall(SYS_flock, ENOLCK))
+  int code = RunInChild([&] {
+    if (!freopen(err_file.c_str(), "w", stderr) || !FailSyscall(SYS_flock, ENOLCK))
       return 2;
-    const int before = rk::test::OpenFdCount();
+    const int before = OpenFdCount();
     logfile_printf(path_.c_str(), "lost\n");
-    return rk::test::OpenFdCount() == before ? 0 : 3;
+    return OpenFdCount() == before ? 0 : 3;
   });
   ASSERT_EQ(code, 0);
   EXPECT_EQ(ReadFile(err_file), "flock " + path_ + " fail, errno : No locks available\n");
@@ -162,8 +162,8 @@ TEST_F(LogFileTest, FailedLockLosesTheMessage) {
 
 TEST_F(LogFileTest, WithoutFlockTheMessageIsWrittenUnlocked) {
   const std::string err_file = dir_ / "stderr";
-  int code = rk_test::RunInChild([&] {
-    if (!freopen(err_file.c_str(), "w", stderr) || !rk_test::FailSyscall(SYS_flock, ENOSYS))
+  int code = RunInChild([&] {
+    if (!freopen(err_file.c_str(), "w", stderr) || !FailSyscall(SYS_flock, ENOSYS))
       return 2;
     logfile_printf(path_.c_str(), "written anyway\n");
     return 0;
@@ -183,14 +183,14 @@ TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {
     for (int i = 0; i < kMessages; ++i)
       logfile_printf(path_.c_str(), "w%d m%d %s\n", writer, i, pad.c_str());
   };
-  const pid_t other = rk_test::StartChild([&] {
+  const pid_t other = StartChild([&] {
     write_all(kWriters);
     return 0;
   });
   std::vector<std::thread> threads;
   for (int w = 0; w < kWriters; ++w) threads.emplace_back(write_all, w);
   for (auto &t : threads) t.join();
-  ASSERT_EQ(rk_test::WaitChild(other), 0);
+  ASSERT_EQ(WaitChild(other), 0);
 
   const std::regex line(std::string(kStamp) + R"(\d+(\(\d+\))? (w\d+ m\d+) x{200})");
   std::set<std::string> seen;
@@ -212,3 +212,4 @@ TEST_F(LogFileTest, LongMessagesAreNotCut) {
 }
 
 }  // namespace
+}  // namespace rk::test

@@ -146,14 +146,6 @@ TEST_F(FileValueTest, UnreadableFileIsLoggedAndRefused) {
   closelog();  // syslog's own connection is not the reader's to keep
 }
 
-TEST_F(FileValueTest, ReadsTheFirmwareFiles) {
-  RK_REQUIRE_NAMESPACE();
-  ASSERT_TRUE(WriteFile("/etc/version", "product_name = RK-100\nfirmware_version: 1.2.3 \n"));
-  Out out;
-  EXPECT_EQ(getValueFromFile("/etc/version", "firmware_version", out.bytes, 64), 5);
-  EXPECT_EQ(out.text(), "1.2.3");
-}
-
 // ------------------------------------------------------------ the tool
 
 // Installs a /usr/bin/factory that prints `output` and exits with `status`,
@@ -216,25 +208,6 @@ TEST_F(FactoryTest, OutputFormsAndEdges) {
       EXPECT_TRUE(out.untouched());
     EXPECT_EQ(ReadFile("/tmp/factory.args"), "show sn");
   }
-}
-
-TEST_F(FactoryTest, ExitStatusIsNotLookedAt) {
-  InstallTool("sn=X1\n", 3);
-  Out out;
-  EXPECT_EQ(getFactoryValue("sn", out.bytes, 64), 0);
-  EXPECT_EQ(out.text(), "X1");
-
-  InstallTool("", 1);
-  Out failed;
-  EXPECT_EQ(getFactoryValue("sn", failed.bytes, 64), -1);
-  EXPECT_TRUE(failed.untouched());
-}
-
-TEST_F(FactoryTest, MissingToolGivesMinusOne) {
-  unlink("/usr/bin/factory");
-  Out out;
-  EXPECT_EQ(getFactoryValue("sn", out.bytes, 64), -1);
-  EXPECT_TRUE(out.untouched());
 }
 
 TEST_F(FactoryTest, FailedStartGivesMinusOne) {

@@ -82,26 +82,6 @@ TEST_F(LogFileTest, MessageIsStampedWithLocalTimeAndPid) {
   EXPECT_EQ(st.st_mode & 07777, 0644u);
 }
 
-TEST_F(LogFileTest, AppendsAndAddsNoNewline) {
-  ASSERT_TRUE(WriteFile(path_, "old line\n"));
-  logfile_printf(path_.c_str(), "first %s", "half");
-  logfile_printf(path_.c_str(), "%s\n", "second");
-  const std::string expected =
-      "old line\n" + std::string(kStamp) + Pid() + " first half" + kStamp + Pid() + " second\n";
-  EXPECT_TRUE(std::regex_match(ReadFile(path_), std::regex(expected))) << ReadFile(path_);
-}
-
-TEST_F(LogFileTest, OtherThreadsAddTheirThreadId) {
-  pid_t tid = 0;
-  std::thread([&] {
-    tid = static_cast<pid_t>(syscall(SYS_gettid));
-    logfile_printf(path_.c_str(), "from a thread\n");
-  }).join();
-  const std::string expected =
-      std::string(kStamp) + Pid() + "\\(" + std::to_string(tid) + "\\) from a thread\n";
-  EXPECT_TRUE(std::regex_match(ReadFile(path_), std::regex(expected))) << ReadFile(path_);
-}
-
 TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
   struct Case {
     off_t size;
@@ -126,18 +106,6 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
   }
 }
 
-TEST_F(LogFileTest, SizeTestSeesTheSymbolicLinkNotItsTarget) {
-  const std::string target = dir_ / "big.log";
-  ASSERT_TRUE(WriteFile(target, ""));
-  ASSERT_EQ(truncate(target.c_str(), 2 * kLimit), 0);
-  ASSERT_EQ(symlink(target.c_str(), path_.c_str()), 0);
-
-  logfile_printf(path_.c_str(), "through the link\n");
-  // The link itself is small, so the big target is appended to, not cut.
-  EXPECT_GT(SizeOf(target), 2 * kLimit);
-  EXPECT_NE(ReadFile(target).find("through the link\n"), std::string::npos);
-}
-
 TEST_F(LogFileTest, MissingDirectoryIsReportedAndNotMade) {
   const std::string path = dir_ / "missing/daemon.log";
   StderrCapture err;
@@ -158,20 +126,6 @@ TEST_F(LogFileTest, FailedLockLosesTheMessage) {
   ASSERT_EQ(code, 0);
   EXPECT_EQ(ReadFile(err_file), "flock " + path_ + " fail, errno : No locks available\n");
   EXPECT_EQ(SizeOf(path_), 0);  // opened (and created), nothing written
-}
-
-TEST_F(LogFileTest, WithoutFlockTheMessageIsWrittenUnlocked) {
-  const std::string err_file = dir_ / "stderr";
-  int code = RunInChild([&] {
-    if (!freopen(err_file.c_str(), "w", stderr) || !FailSyscall(SYS_flock, ENOSYS))
-      return 2;
-    logfile_printf(path_.c_str(), "written anyway\n");
-    return 0;
-  });
-  ASSERT_EQ(code, 0);
-  EXPECT_EQ(ReadFile(err_file), "");
-  EXPECT_TRUE(std::regex_match(ReadFile(path_),
-                               std::regex(std::string(kStamp) + "\\d+ written anyway\n")));
 }
 
 TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {
@@ -201,14 +155,6 @@ TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {
     EXPECT_TRUE(seen.insert(m[2]).second) << m[2];
   }
   EXPECT_EQ(seen.size(), static_cast<size_t>((kWriters + 1) * kMessages));
-}
-
-TEST_F(LogFileTest, LongMessagesAreNotCut) {
-  const std::string big(100000, 'y');
-  logfile_printf(path_.c_str(), "%s|\n", big.c_str());
-  const std::string content = ReadFile(path_);
-  ASSERT_GT(content.size(), big.size());
-  EXPECT_EQ(content.substr(content.size() - big.size() - 2), big + "|\n");
 }
 
 }  // namespace

@@ -159,39 +159,6 @@ TEST_F(LogTest, StoredLevelDecidesWhoEmits) {
   }
 }
 
-TEST_F(LogTest, NullFormatReturnsZeroWithoutSetUp) {
-  for (const Leveled &l : kLeveled) EXPECT_EQ(l.fn(nullptr), 0) << l.name;
-  EXPECT_TRUE(Received().empty());
-  EXPECT_FALSE(FileExists("/tmp/log"));
-
-  // Nor is anything sent when every level passes.
-  ASSERT_EQ(log_setLevel(UINT32_MAX), 0);
-  for (const Leveled &l : kLeveled) EXPECT_EQ(l.fn(nullptr), 0) << l.name;
-  EXPECT_TRUE(Received().empty());
-}
-
-TEST_F(LogTest, SetLevelAsFirstCallKeepsSyslogOffStderr) {
-  StderrCapture err;
-  ASSERT_EQ(log_setLevel(6), 0);
-  EXPECT_TRUE(FileExists("/tmp/log"));  // set-up ran, at level 4
-  log_debug("debug goes to syslog only");
-  ExpectOne(LOG_DEBUG, "debug goes to syslog only");
-  EXPECT_EQ(err.Stop(), "");
-}
-
-TEST_F(LogTest, DebugFileThenLowerLevelKeepsTheStderrCopy) {
-  ASSERT_TRUE(WriteFile(DebugFile(), ""));
-  StderrCapture err;
-  ASSERT_EQ(log_setLevel(3), 0);
-  EXPECT_EQ(log_isLevelEnabled(4), 0);  // the caller's level overrules the file
-
-  log_info("dropped");
-  EXPECT_TRUE(Received().empty());
-  log_error("kept");
-  ExpectOne(LOG_ERR, "kept");
-  EXPECT_EQ(err.Stop(), StderrCopy("kept"));
-}
-
 TEST_F(LogTest, SetNameStoresAtMost63BytesAndRefusesNull) {
   log_info("set up");
   ExpectOne(LOG_INFO, "set up");
@@ -205,22 +172,6 @@ TEST_F(LogTest, SetNameStoresAtMost63BytesAndRefusesNull) {
   EXPECT_EQ(log_setName(nullptr), -1);
   log_info("unchanged");
   ExpectOne(LOG_INFO, "unchanged", cut);
-}
-
-TEST_F(LogTest, NameSetFirstKeepsSetUpAway) {
-  ASSERT_EQ(log_setName("early"), 0);
-  log_info("still reaches syslog");
-  auto got = Received();
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(got[0].text, "still reaches syslog");
-  // Nobody called openlog: the C library's own default facility, not LOCAL0.
-  EXPECT_NE(got[0].facility, LOG_LOCAL0 >> 3) << got[0].text;
-
-  ASSERT_EQ(log_setLevel(6), 0);  // no set-up here either
-  StderrCapture err;
-  log_printf_to_flash("lost %d\n", 1);  // there is no log file path
-  EXPECT_TRUE(std::regex_match(err.Stop(), std::regex("open .* fail, errno : .+\n")));
-  EXPECT_FALSE(FileExists("/tmp/log"));
 }
 
 TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
@@ -246,28 +197,6 @@ TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
   log_printf_to_flash("after %s\n", "restart");
   EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()),
                                std::regex(std::string(kStamp) + Pid() + " after restart\n")));
-}
-
-TEST_F(LogTest, UnreadableExecutableLinkLeavesTheNameEmptyUntilItWorks) {
-  // Hide /proc/self/exe for a while (this mount namespace is the test's own).
-  ASSERT_EQ(mount("rk-noproc", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno);
-  ASSERT_TRUE(WriteFile("/etc/.debug", ""));  // probed with the empty name
-  StderrCapture err;
-
-  log_info("nameless");
-  ExpectOne(LOG_INFO, "nameless", "");
-  EXPECT_EQ(log_isLevelEnabled(6), 1);
-  log_printf_to_flash("into .log\n");
-  EXPECT_NE(ReadFile("/tmp/log/.log").find("into .log\n"), std::string::npos);
-
-  ASSERT_EQ(umount("/proc"), 0) << strerror(errno);
-  // The name is still empty, so the next call sets up again, and this time
-  // it gets the name and a new file path.
-  log_printf_to_flash("named now\n");
-  EXPECT_NE(ReadFile(OwnLogFile()).find("named now\n"), std::string::npos);
-  EXPECT_EQ(ReadFile("/tmp/log/.log").find("named now"), std::string::npos);
-  log_info("named");
-  ExpectOne(LOG_INFO, "named");
 }
 
 TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
@@ -296,16 +225,6 @@ TEST_F(LogTest, UnusableLogDirectoryLosesFileMessages) {
   log_printf_to_flash("lost\n");
   EXPECT_EQ(err.Stop(), "open " + OwnLogFile() + " fail, errno : Not a directory\n");
   EXPECT_EQ(ReadFile("/tmp/log"), "a file where the directory should be");
-}
-
-TEST_F(LogTest, LongExecutableNameIsCutTo63Bytes) {
-  // A copy of the probe program under a 70-byte name writes to its own file.
-  const std::string long_name(70, 'p');
-  const std::string copy = "/tmp/" + long_name;
-  ASSERT_EQ(system(("cp " RK_EXE_PROBE " " + copy).c_str()), 0);
-  ASSERT_EQ(system((copy + " flash").c_str()), 0);
-  EXPECT_NE(ReadFile("/tmp/log/" + long_name.substr(0, 63) + ".log").find("probe\n"),
-            std::string::npos);
 }
 
 }  // namespace

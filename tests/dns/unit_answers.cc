@@ -241,45 +241,6 @@ TEST_F(DnsAnswers, RecordsCutByTheEndAreReportedAndWhatCameBeforeIsDelivered) {
   for (const Row &row : rows) expect(row);
 }
 
-TEST_F(DnsAnswers, LongestQuestionNameWithoutTerminator) {
-  // 253 bytes of labels and no terminator: the question decodes up to the end
-  // of the datagram, and the answers would start behind it.
-  Packet p = header(1, 1);
-  p.u8(63).fill(63, 'a').u8(63).fill(63, 'b').u8(63).fill(63, 'c').u8(63).fill(60, 'd');
-  ASSERT_EQ(p.b.size(), 12u + 253u);
-  const Outcome got = run(p.b);
-  EXPECT_EQ(got.ret, -1);
-  EXPECT_EQ(got.calls, Strings{});
-}
-
-TEST_F(DnsAnswers, DatagramFillingTheWholeBuffer) {
-  // One A record whose RDATA runs to byte 65535: the slot takes its first four bytes.
-  const size_t rdLength = rk::dns::kReceiveBufferSize - 33 - 12;
-  Bytes rdata(rdLength, 0x77);
-  rdata[0] = 1, rdata[1] = 2, rdata[2] = 3, rdata[3] = 4;
-  Packet full = response(kQ, 1).answer(1, 60, rdata);
-  ASSERT_EQ(full.b.size(), rk::dns::kReceiveBufferSize);
-  Outcome got = run(full.b);
-  EXPECT_EQ(got.ret, 0);
-  EXPECT_EQ(got.calls, Strings{"aaa.bbbbbbb.ccc: 1.2.3.4"});
-
-  // An A record, filler of another type, then a full name cut by byte 65535.
-  Packet cut = response(kQ, 3).answer(1, 60, v4("5.6.7.8"));
-  const size_t filler = rk::dns::kReceiveBufferSize - cut.b.size() - 12 - 100;
-  cut.answer(99, 60, Bytes(filler, 0x55));
-  cut.u8(63).fill(63, 'h').u8(63).fill(35, 'h');
-  ASSERT_EQ(cut.b.size(), rk::dns::kReceiveBufferSize);
-  got = run(cut.b);
-  // The cut name has already replaced the name when the record is found
-  // short, so the slot gathered before is delivered under it.
-  const std::string cutName = std::string(63, 'h') + "." + std::string(35, 'h');
-  EXPECT_EQ(got.ret, 0);
-  EXPECT_EQ(got.calls, Strings{cutName + ": 5.6.7.8"});
-  ASSERT_EQ(got.logs.size(), 2u);
-  EXPECT_EQ(got.logs[1], "E [checkDnsSocket:N]error protol(domain:" + cutName + ",count:1/1)");
-  EXPECT_EQ(cached(kQ), "5.6.7.8 1.2.3.4") << "both datagrams filed their A record under the question";
-}
-
 TEST_F(DnsAnswers, PointerRecords) {
   std::vector<Row> rows;
   rows.push_back({"a PTR answer names the host and carries the address it was asked about",
@@ -346,15 +307,6 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
             Strings{"E [checkDnsSocket:N]error protol(domain:aaa.bbbbbbb.ccc,count:0/1) from 192.0.2.7"});
   EXPECT_EQ(run(response(kQ, 1).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(1).u16(9).raw({1}).b, &from6).logs,
             Strings{"E [checkDnsSocket:N]error protol(aaa.bbbbbbb.ccc,data_len:9,count:0/1) from 2001:db8::53"});
-}
-
-TEST_F(DnsAnswers, WithoutCallbackAnswersStillFillTheCache) {
-  context_.callback = nullptr;
-  const Outcome got = run(response(kQ, 1).answer(1, 60, v4("1.2.3.4")).b);
-  EXPECT_EQ(got.ret, 0);
-  EXPECT_EQ(got.calls, Strings{});
-  EXPECT_EQ(cached(kQ), "1.2.3.4");
-  EXPECT_EQ(rk::dns::processDatagram(nullptr, Bytes(40, 0).data(), 40, nullptr), -1);
 }
 
 // ---- checkDnsSocket: one datagram from a descriptor -----------------------

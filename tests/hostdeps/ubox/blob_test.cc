@@ -11,7 +11,6 @@ extern "C" {
 
 #include <cstring>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "rk_test.h"
@@ -141,26 +140,6 @@ blob_attr *first_child(blob_attr *container) {
   return static_cast<blob_attr *>(blobmsg_data(container));
 }
 
-// Walks a run the way a careful reader does: every child is checked with
-// the bytes that remain before anything of it is read.
-int careful_walk(blob_attr *data, size_t len, int depth = 0) {
-  int visited = 0;
-  blob_attr *cur;
-  size_t rem = len;
-  __blob_for_each_attr(cur, data, rem) {
-    if (!blobmsg_check_attr_len(cur, false, rem))
-      continue;
-    visited++;
-    int type = blobmsg_type(cur);
-    if (type == BLOBMSG_TYPE_STRING)
-      visited += static_cast<int>(std::strlen(blobmsg_get_string(cur)) > 1000);
-    else if ((type == BLOBMSG_TYPE_TABLE || type == BLOBMSG_TYPE_ARRAY) && depth < 8)
-      visited += careful_walk(static_cast<blob_attr *>(blobmsg_data(cur)), blobmsg_data_len(cur),
-                              depth + 1);
-  }
-  return visited;
-}
-
 TEST(BlobUntrusted, TruncatedAttributesAreRejected) {
   Buf buf;
   build_sample(&buf.b);
@@ -233,40 +212,6 @@ TEST(BlobUntrusted, CorruptAttributesAreRejected) {
     if (blob_raw_len(copy.attr()) <= copy.len && blob_raw_len(copy.attr()) >= 4) {
       EXPECT_FALSE(blobmsg_check_attr(copy.attr(), false)) << c.what;
     }
-  }
-}
-
-// Random damage to a valid message: nothing may read out of bounds, and
-// whatever the checks accept can be walked safely.
-TEST(BlobUntrusted, RandomDamageStaysInBounds) {
-  Buf buf;
-  build_sample(&buf.b);
-  const size_t full = blob_pad_len(buf.b.head);
-  std::mt19937 rng(20240229);
-  const blobmsg_policy policy[] = {
-      {"tab", BLOBMSG_TYPE_TABLE}, {"num", BLOBMSG_TYPE_UNSPEC}, {"list", BLOBMSG_TYPE_ARRAY}};
-  for (int round = 0; round < 3000; round++) {
-    std::vector<uint8_t> bytes(reinterpret_cast<uint8_t *>(buf.b.head),
-                               reinterpret_cast<uint8_t *>(buf.b.head) + full);
-    int flips = 1 + static_cast<int>(rng() % 4);
-    for (int i = 0; i < flips; i++)
-      bytes[rng() % full] ^= static_cast<uint8_t>(1u << (rng() % 8));
-    size_t len = full - rng() % 8;
-    HeapCopy copy(bytes.data(), len);
-    if (blobmsg_check_attr_len(copy.attr(), false, len))
-      careful_walk(static_cast<blob_attr *>(blobmsg_data(copy.attr())),
-                   blobmsg_data_len(copy.attr()));
-    blobmsg_check_array_len(copy.attr(), BLOBMSG_TYPE_UNSPEC, len);
-    if (len >= 8) {
-      blob_attr *tb[3];
-      blobmsg_parse(policy, 3, tb, copy.bytes.get() + 4, static_cast<unsigned>(len - 4));
-      for (blob_attr *a : tb) {
-        if (a) {
-          EXPECT_LE(reinterpret_cast<uint8_t *>(a) + blob_raw_len(a), copy.bytes.get() + len);
-        }
-      }
-    }
-    careful_walk(reinterpret_cast<blob_attr *>(copy.bytes.get()), len);
   }
 }
 

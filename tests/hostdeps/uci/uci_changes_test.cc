@@ -18,41 +18,6 @@
 namespace rk::test {
 namespace {
 
-const char kTricky[] =
-    "# a router's network\n"
-    "package network\n"
-    "\n"
-    "config interface 'lan'\n"
-    "\toption proto \"static\"\n"
-    "\toption descr 'it'\\''s \"quoted\"'\n"
-    "\toption multi 'line one\n"
-    "line two'\n"
-    "\tlist dns 8.8.8.8 # trailing comment\n"
-    "\tlist dns '1.1.1.1'\n"
-    "\toption empty ''\n"
-    "\n"
-    "config rule\n"
-    "\toption name 'a\\b'\n"
-    "config rule ''\n"
-    "\toption src \"x\\\"y\"\n";
-
-const char kTrickyCommitted[] =
-    "\n"
-    "config interface 'lan'\n"
-    "\toption proto 'dhcp'\n"
-    "\toption descr 'it'\\''s \"quoted\"'\n"
-    "\toption multi 'line one\n"
-    "line two'\n"
-    "\tlist dns '8.8.8.8'\n"
-    "\tlist dns '1.1.1.1'\n"
-    "\n"
-    "config rule\n"
-    "\toption name 'a\\b'\n"
-    "\n"
-    "config rule\n"
-    "\toption src 'x\"y'\n"
-    "\n";
-
 class UciChanges : public UciTest {
  protected:
   uci_ptr On(uci_package *p, const char *sec, const char *opt, const char *value) {
@@ -69,34 +34,7 @@ class UciChanges : public UciTest {
     uci_ptr ptr = On(p, sec, opt, value);
     ASSERT_EQ(UCI_OK, uci_set(ctx_, &ptr)) << sec << "." << (opt ? opt : "") << "=" << value;
   }
-
-  bool HasTempFiles(const std::string &dir) {
-    bool found = false;
-    if (DIR *d = opendir(dir.c_str())) {
-      while (dirent *e = readdir(d)) found |= strstr(e->d_name, ".uci-") != nullptr;
-      closedir(d);
-    }
-    return found;
-  }
 };
-
-TEST_F(UciChanges, RoundTripChangesOnlyWhatWasSet) {
-  WriteFile(Conf("network"), kTricky);
-  uci_package *p = Load("network");
-  ASSERT_NE(nullptr, p);
-  const std::string before = Dump(p);
-  Set(p, "lan", "proto", "dhcp");
-  ASSERT_EQ(UCI_OK, uci_commit(ctx_, &p, false));
-  EXPECT_EQ(kTrickyCommitted, ReadFile(Conf("network")));
-  EXPECT_TRUE(FileExists(Saved("network")));
-  EXPECT_EQ("", ReadFile(Saved("network")));
-
-  std::string want = before;
-  want.replace(want.find("proto='static'"), strlen("proto='static'"), "proto='dhcp'");
-  EXPECT_EQ(want, FreshDump("network"));
-  EXPECT_EQ(want, Dump(p)) << "the caller's package after commit is the committed one";
-  EXPECT_EQ(p, uci_lookup_package(ctx_, "network"));
-}
 
 TEST_F(UciChanges, SaveAppendsChangeLinesAndKeepsThePackage) {
   WriteFile(Conf("network"), "config interface 'lan'\n\toption proto static\n"
@@ -132,35 +70,6 @@ TEST_F(UciChanges, SaveAppendsChangeLinesAndKeepsThePackage) {
             ReadFile(Conf("network")));
 }
 
-TEST_F(UciChanges, ChangeFilesAreAppliedAtLoadInPathOrder) {
-  RK_REQUIRE_NAMESPACE();
-  WriteFile(Conf("network"), "config interface 'lan'\n\toption proto static\n\toption mtu 1500\n");
-  // The built-in /tmp/.uci is read first even though the savedir is elsewhere.
-  ASSERT_EQ(0, mkdir("/tmp/.uci", 0700));
-  WriteFile("/tmp/.uci/network",
-            "network.lan.proto='from_default'\nnetwork.lan.zone='lan'\n");
-  ASSERT_EQ(0, mkdir(save_.c_str(), 0700));
-  WriteFile(Saved("network"),
-            "network.lan.proto='from_savedir'\n"
-            "garbage without a dot\n"
-            "network.lan.bad-name='x'\n"
-            "-network.nosuch.opt\n"
-            "other.lan.proto='x'\n"
-            "network.lan.note='two\n"
-            "lines'\n"
-            "|network.lan.dns='1.1.1.1'\n");
-  uci_package *p = Load("network");
-  ASSERT_NE(nullptr, p);
-  EXPECT_EQ(
-      "interface lan\n"
-      "  proto='from_savedir'\n"
-      "  mtu='1500'\n"
-      "  zone='lan'\n"
-      "  note='two\nlines'\n"
-      "  dns=['1.1.1.1']\n",
-      Dump(p));
-}
-
 // A read-only confdir: `dir` becomes a tmpfs holding `files`, then read-only.
 class UciReadOnly : public UciChanges {
  protected:
@@ -175,19 +84,6 @@ class UciReadOnly : public UciChanges {
     UciChanges::TearDown();
   }
 };
-
-TEST_F(UciReadOnly, CommitFailsAndKeepsTheOldFile) {
-  RK_REQUIRE_NAMESPACE();
-  const char kText[] = "config interface 'lan'\n\toption proto static\n";
-  MakeReadOnlyConf("network", kText);
-  uci_package *p = Load("network");
-  Set(p, "lan", "proto", "dhcp");
-  EXPECT_EQ(UCI_ERR_IO, uci_commit(ctx_, &p, false));
-  EXPECT_EQ(kText, ReadFile(Conf("network")));
-  ASSERT_NE(nullptr, p);
-  EXPECT_EQ("dhcp", Get(ctx_, p, "lan", "proto"));
-  EXPECT_FALSE(HasTempFiles(conf_));
-}
 
 TEST_F(UciReadOnly, FailureAfterReloadStillReplacesThePackage) {
   RK_REQUIRE_NAMESPACE();

@@ -2,7 +2,6 @@
 // function releases what it acquired.
 #pragma once
 
-#include <dirent.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -16,11 +15,6 @@ struct FileCloser {
   void operator()(FILE *f) const noexcept { fclose(f); }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
-struct DirCloser {
-  void operator()(DIR *d) const noexcept { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 // A descriptor that closes itself. Move-only; -1 means none.
 class UniqueFd {
@@ -59,27 +53,5 @@ class MutexLock {
  private:
   pthread_mutex_t *m_;
 };
-
-// Runs a one-off undo step when the scope ends, unless dismissed.
-template <typename F>
-class ScopeGuard {
- public:
-  explicit ScopeGuard(F f) noexcept : f_(std::move(f)) {}
-  ScopeGuard(const ScopeGuard &) = delete;
-  ScopeGuard &operator=(const ScopeGuard &) = delete;
-  ~ScopeGuard() {
-    if (armed_) f_();
-  }
-  void dismiss() noexcept { armed_ = false; }
-
- private:
-  F f_;
-  bool armed_ = true;
-};
-
-template <typename F>
-ScopeGuard<F> on_scope_exit(F f) noexcept {
-  return ScopeGuard<F>(std::move(f));
-}
 
 }  // namespace rk

@@ -8,7 +8,7 @@
 
 #include <array>
 
-#include "common/logmsg.h"
+#include "diag/logmsg.h"
 #include "common/raii.h"
 
 namespace rk {

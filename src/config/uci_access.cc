@@ -10,12 +10,11 @@
 
 #include <uci.h>
 
+#include "config/uci_convert.h"
+
 namespace rk {
 namespace {
 
-// The section-name family answers with libuci's own numbers.
-constexpr int kErrInval = 2;     // UCI_ERR_INVAL
-constexpr int kErrNotFound = 3;  // UCI_ERR_NOTFOUND
 
 // Text of a number written by the numeric setters; zeroed before each use.
 constexpr size_t kNumberTextSize = 32;
@@ -82,36 +81,14 @@ int get_text(uci_context *ctx, uci_section *section, const char *option, char *o
   return 0;
 }
 
-int get_uint8(uci_context *ctx, uci_section *section, const char *option, uint8_t *out) noexcept {
+// One sscanf conversion of the option's text; see scan_number.
+template <typename Raw, typename T>
+int get_number(uci_context *ctx, uci_section *section, const char *option, T *out,
+               const char *format) noexcept {
   if (!ctx || !section || !option || !out) return -1;
   const char *text = readable_option(ctx, section, option);
   if (text == nullptr) return -1;
-  // The store keeps bytes as signed numbers (see uciSetUint8); "%hhd" keeps
-  // the low 8 bits of whatever number the text holds.
-  signed char value = 0;
-  if (sscanf(text, "%hhd", &value) != 1) return -1;
-  *out = static_cast<uint8_t>(value);
-  return 0;
-}
-
-int get_uint32(uci_context *ctx, uci_section *section, const char *option, uint32_t *out) noexcept {
-  if (!ctx || !section || !option || !out) return -1;
-  const char *text = readable_option(ctx, section, option);
-  if (text == nullptr) return -1;
-  unsigned value = 0;
-  if (sscanf(text, "%u", &value) != 1) return -1;
-  *out = value;
-  return 0;
-}
-
-int get_int32(uci_context *ctx, uci_section *section, const char *option, int *out) noexcept {
-  if (!ctx || !section || !option || !out) return -1;
-  const char *text = readable_option(ctx, section, option);
-  if (text == nullptr) return -1;
-  int value = 0;
-  if (sscanf(text, "%d", &value) != 1) return -1;
-  *out = value;
-  return 0;
+  return scan_number<Raw>(text, format, out);
 }
 
 // Only ever writes 1: callers preset `out` and rely on "false" (or any text
@@ -120,7 +97,7 @@ int get_boolean(uci_context *ctx, uci_section *section, const char *option, uint
   if (!ctx || !section || !option || !out) return -1;
   const char *text = readable_option(ctx, section, option);
   if (text == nullptr) return -1;
-  if (strcmp(text, "true") == 0 || strcmp(text, "1") == 0) *out = 1;
+  if (is_true(text)) *out = 1;
   return 0;
 }
 
@@ -180,14 +157,14 @@ int set_by_name(uci_context *ctx, uci_package *package, const char *sectionName,
 int named_section_text(uci_context *ctx, uci_package *package, const char *sectionName,
                        const char *option, const char **text) noexcept {
   uci_section *section = section_by_name(ctx, package, sectionName);
-  if (section == nullptr) return kErrNotFound;
+  if (section == nullptr) return UCI_ERR_NOTFOUND;
   *text = readable_option(ctx, section, option);
-  return *text == nullptr ? kErrNotFound : 0;
+  return *text == nullptr ? UCI_ERR_NOTFOUND : 0;
 }
 
 int get_section_text(uci_context *ctx, uci_package *package, const char *sectionName,
                      const char *option, char *out, int size) noexcept {
-  if (!ctx || !package || !sectionName || !option || !out) return kErrInval;
+  if (!ctx || !package || !sectionName || !option || !out) return UCI_ERR_INVAL;
   const char *text = nullptr;
   int rc = named_section_text(ctx, package, sectionName, option, &text);
   if (rc != 0) return rc;
@@ -199,9 +176,9 @@ int get_section_text(uci_context *ctx, uci_package *package, const char *section
 
 int set_section_text(uci_context *ctx, uci_package *package, const char *sectionName,
                      const char *option, const char *value) noexcept {
-  if (!ctx || !package || !sectionName || !option || !value) return kErrInval;
+  if (!ctx || !package || !sectionName || !option || !value) return UCI_ERR_INVAL;
   uci_section *section = section_by_name(ctx, package, sectionName);
-  if (section == nullptr) return kErrNotFound;
+  if (section == nullptr) return UCI_ERR_NOTFOUND;
   // Finding the section is the success; a failing set isn't reported here
   // (callers that need that use uciSetString).
   (void)set_option(ctx, package, section, option, value);
@@ -210,7 +187,7 @@ int set_section_text(uci_context *ctx, uci_package *package, const char *section
 
 int get_section_value(uci_context *ctx, uci_package *package, const char *sectionName,
                       const char *option, int *out) noexcept {
-  if (!ctx || !package || !sectionName || !option || !out) return kErrInval;
+  if (!ctx || !package || !sectionName || !option || !out) return UCI_ERR_INVAL;
   const char *text = nullptr;
   int rc = named_section_text(ctx, package, sectionName, option, &text);
   if (rc != 0) return rc;
@@ -240,7 +217,9 @@ int setString(uci_context *ctx, uci_package *package, const char *sectionName, c
 }
 
 int uciGetUint8(uci_context *ctx, uci_section *section, const char *option, uint8_t *out) {
-  return rk::get_uint8(ctx, section, option, out);
+  // The store keeps bytes as signed numbers (see uciSetUint8); "%hhd" keeps
+  // the low 8 bits of whatever number the text holds.
+  return rk::get_number<signed char>(ctx, section, option, out, "%hhd");
 }
 
 int uciSetUint8(uci_context *ctx, uci_package *package, uci_section *section, const char *option,
@@ -251,7 +230,7 @@ int uciSetUint8(uci_context *ctx, uci_package *package, uci_section *section, co
 }
 
 int uciGetUint32(uci_context *ctx, uci_section *section, const char *option, uint32_t *out) {
-  return rk::get_uint32(ctx, section, option, out);
+  return rk::get_number<unsigned>(ctx, section, option, out, "%u");
 }
 
 int uciSetUint32(uci_context *ctx, uci_package *package, uci_section *section, const char *option,
@@ -260,7 +239,7 @@ int uciSetUint32(uci_context *ctx, uci_package *package, uci_section *section, c
 }
 
 int uciGetInt32(uci_context *ctx, uci_section *section, const char *option, int *out) {
-  return rk::get_int32(ctx, section, option, out);
+  return rk::get_number<int>(ctx, section, option, out, "%d");
 }
 
 int uciSetInt32(uci_context *ctx, uci_package *package, uci_section *section, const char *option,
@@ -286,7 +265,7 @@ int uciSetEnabled(uci_context *ctx, uci_package *package, uci_section *section, 
 }
 
 int uciGetID(uci_context *ctx, uci_section *section, uint32_t *out) {
-  return rk::get_uint32(ctx, section, "ID", out);
+  return rk::get_number<unsigned>(ctx, section, "ID", out, "%u");
 }
 
 int uciSetID(uci_context *ctx, uci_package *package, uci_section *section, uint32_t value) {

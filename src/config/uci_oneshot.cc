@@ -11,6 +11,8 @@
 
 #include <uci.h>
 
+#include "config/uci_convert.h"
+
 namespace rk {
 namespace {
 
@@ -153,60 +155,14 @@ bool reader_args_ok(const char *config, const char *sectionType, const char *sec
   return valid_selector(config, sectionType, sectionName, option) && out != nullptr;
 }
 
-int get_uint32(const char *config, const char *sectionType, const char *sectionName,
-               const char *option, uint32_t *out) noexcept {
+// One sscanf conversion of at most N - 2 leading characters; see scan_number.
+template <size_t N, typename Raw, typename T>
+int get_number(const char *config, const char *sectionType, const char *sectionName, const char *option,
+               T *out, const char *format, bool lenient = false) noexcept {
   if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
-  std::array<char, kUint32Text> text;
+  std::array<char, N> text;
   if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  unsigned value = 0;
-  if (sscanf(text.data(), "%u", &value) != 1) return -1;
-  *out = value;
-  return 0;
-}
-
-// Int32 and Uint64 report success for any readable text; a caller that
-// must tell a non-number presets `out`, which then stays as it was.
-int get_int32(const char *config, const char *sectionType, const char *sectionName,
-              const char *option, int *out) noexcept {
-  if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
-  std::array<char, kInt32Text> text;
-  if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  int value = 0;
-  if (sscanf(text.data(), "%d", &value) == 1) *out = value;
-  return 0;
-}
-
-int get_uint64(const char *config, const char *sectionType, const char *sectionName,
-               const char *option, uint64_t *out) noexcept {
-  if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
-  std::array<char, kUint64Text> text;
-  if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  unsigned long long value = 0;
-  if (sscanf(text.data(), "%llu", &value) == 1) *out = value;
-  return 0;
-}
-
-int get_uint16(const char *config, const char *sectionType, const char *sectionName,
-               const char *option, uint16_t *out) noexcept {
-  if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
-  std::array<char, kUint16Text> text;
-  if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  unsigned short value = 0;
-  if (sscanf(text.data(), "%hu", &value) != 1) return -1;
-  *out = value;
-  return 0;
-}
-
-// Signed like uciGetUint8: bytes from 128 up are stored as negative numbers.
-int get_uint8(const char *config, const char *sectionType, const char *sectionName,
-              const char *option, uint8_t *out) noexcept {
-  if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
-  std::array<char, kUint8Text> text;
-  if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  signed char value = 0;
-  if (sscanf(text.data(), "%hhd", &value) != 1) return -1;
-  *out = static_cast<uint8_t>(value);
-  return 0;
+  return scan_number<Raw>(text.data(), format, out, lenient);
 }
 
 // Unlike uciGetBoolean this stores 0 for every text that isn't true.
@@ -215,7 +171,7 @@ int get_boolean(const char *config, const char *sectionType, const char *section
   if (!reader_args_ok(config, sectionType, sectionName, option, out)) return -1;
   std::array<char, kBooleanText> text;
   if (!fetch(config, sectionType, sectionName, option, text)) return -1;
-  *out = (strcmp(text.data(), "true") == 0 || strcmp(text.data(), "1") == 0) ? 1 : 0;
+  *out = is_true(text.data()) ? 1 : 0;
   return 0;
 }
 
@@ -265,27 +221,31 @@ int uciSetOptionEnabled(const char *config, const char *sectionType, const char 
 
 int uciGetOptionUint32(const char *config, const char *sectionType, const char *sectionName,
                        const char *option, uint32_t *out) {
-  return rk::get_uint32(config, sectionType, sectionName, option, out);
+  return rk::get_number<rk::kUint32Text, unsigned>(config, sectionType, sectionName, option, out, "%u");
 }
 
 int uciGetOptionInt32(const char *config, const char *sectionType, const char *sectionName,
                       const char *option, int *out) {
-  return rk::get_int32(config, sectionType, sectionName, option, out);
+  // Int32 and Uint64 report success for any readable text; a caller that
+  // must tell a non-number presets `out`, which then stays as it was.
+  return rk::get_number<rk::kInt32Text, int>(config, sectionType, sectionName, option, out, "%d", true);
 }
 
 int uciGetOptionUint64(const char *config, const char *sectionType, const char *sectionName,
                        const char *option, uint64_t *out) {
-  return rk::get_uint64(config, sectionType, sectionName, option, out);
+  return rk::get_number<rk::kUint64Text, unsigned long long>(config, sectionType, sectionName, option, out,
+                                                              "%llu", true);
 }
 
 int uciGetOptionUint16(const char *config, const char *sectionType, const char *sectionName,
                        const char *option, uint16_t *out) {
-  return rk::get_uint16(config, sectionType, sectionName, option, out);
+  return rk::get_number<rk::kUint16Text, unsigned short>(config, sectionType, sectionName, option, out, "%hu");
 }
 
 int uciGetOptionUint8(const char *config, const char *sectionType, const char *sectionName,
                       const char *option, uint8_t *out) {
-  return rk::get_uint8(config, sectionType, sectionName, option, out);
+  // Signed like uciGetUint8: bytes from 128 up are stored as negative numbers.
+  return rk::get_number<rk::kUint8Text, signed char>(config, sectionType, sectionName, option, out, "%hhd");
 }
 
 int uciGetOptionBoolean(const char *config, const char *sectionType, const char *sectionName,

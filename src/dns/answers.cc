@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "common/logmsg.h"
+#include "diag/logmsg.h"
 #include "dns/cache.h"
 #include "dns/codec.h"
 
@@ -31,8 +31,6 @@ constexpr size_t kRecType = 2;
 constexpr size_t kRecTtl = 6;
 constexpr size_t kRecRdLength = 10;
 constexpr size_t kRecRdata = 12;
-// The question of a reverse lookup ends in this suffix.
-constexpr int kReverseSuffixLength = 13;  // ".in-addr.arpa"
 
 struct ResultDeleter {
   void operator()(DnsResult *p) const noexcept { free(p); }
@@ -40,7 +38,7 @@ struct ResultDeleter {
 using ResultPtr = std::unique_ptr<DnsResult, ResultDeleter>;
 
 // The sender as text, or null when it is neither IPv4 nor IPv6 or can't be printed.
-const char *senderText(const struct sockaddr_storage *from, char (&text)[kSenderTextSize]) noexcept {
+const char *sender_text(const struct sockaddr_storage *from, char (&text)[kSenderTextSize]) noexcept {
   if (from == nullptr) return nullptr;
   const void *address;
   if (from->ss_family == AF_INET) {
@@ -58,7 +56,7 @@ const char *senderText(const struct sockaddr_storage *from, char (&text)[kSender
 #define RK_DNS_REPORT(logfn, fmt, ...)                                                  \
   do {                                                                                  \
     char senderBuf_[kSenderTextSize];                                                   \
-    const char *sender_ = senderText(from, senderBuf_);                                 \
+    const char *sender_ = sender_text(from, senderBuf_);                                 \
     if (sender_ != nullptr) {                                                           \
       logfn("[%s:%d]" fmt " from %s", kOrigin, __LINE__, __VA_ARGS__, sender_);         \
     } else {                                                                            \
@@ -70,7 +68,7 @@ const char *senderText(const struct sockaddr_storage *from, char (&text)[kSender
 // zeroed slot. The usual record carries exactly the field's size, which is
 // copied as one fixed-size block; a shorter one fills only its own bytes.
 template <size_t FieldSize>
-void fillAddress(DnsAddressEntry *slot, uint16_t family, void *field, const uint8_t *rdata,
+void fill_address(DnsAddressEntry *slot, uint16_t family, void *field, const uint8_t *rdata,
                  uint16_t rdLength) noexcept {
   slot->family = family;
   if (rdLength >= FieldSize) {
@@ -83,14 +81,9 @@ void fillAddress(DnsAddressEntry *slot, uint16_t family, void *field, const uint
 // A PTR answer: the slot gets the address the question asked about (its
 // reversed "d.c.b.a.in-addr.arpa" name), and the name becomes the host name
 // from RDATA.
-void fillPointer(DnsAddressEntry *slot, char *name, WireView rdata) noexcept {
+void fill_pointer(DnsAddressEntry *slot, char *name, WireView rdata) noexcept {
   slot->family = AF_INET;
-  char text[kPtrAddressTextSize] = {};
-  const int length = static_cast<int>(strlen(name)) - kReverseSuffixLength;
-  // ReverseDnsName writes length + 1 bytes. A longer text would be no
-  // address anyway, so the field simply stays zero.
-  if (length < static_cast<int>(sizeof text)) ReverseDnsName(text, name, length);
-  (void)inet_pton(AF_INET, text, &slot->ipv4);  // no address: the slot still counts, as zero
+  ChangeDnsNameToAddr(name, &slot->ipv4);  // no address: the slot still counts, as zero
   ChangeLabelsToDnsName(name, rdata);
 }
 
@@ -182,16 +175,16 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
 
     DnsAddressEntry *slot = &result->slots[result->count];
     if (type == kTypeA) {
-      fillAddress<sizeof slot->ipv4>(slot, AF_INET, &slot->ipv4, dg.at(rdata), rdLength);
+      fill_address<sizeof slot->ipv4>(slot, AF_INET, &slot->ipv4, dg.at(rdata), rdLength);
       ++result->count;
-      if (ttl != 0) cachePut(context->cache, name, slot, ttl);
+      if (ttl != 0) cache_put(context->cache, name, slot, ttl);
     } else if (type == kTypeAaaa) {
-      fillAddress<sizeof slot->ipv6>(slot, AF_INET6, &slot->ipv6, dg.at(rdata), rdLength);
+      fill_address<sizeof slot->ipv6>(slot, AF_INET6, &slot->ipv6, dg.at(rdata), rdLength);
       ++result->count;
-      if (ttl != 0) cachePut(context->cache, name, slot, ttl);
+      if (ttl != 0) cache_put(context->cache, name, slot, ttl);
     } else if (type == kTypePtr) {
       // The first PTR record ends the walk; it is never cached.
-      fillPointer(slot, name, dg.from(rdata));
+      fill_pointer(slot, name, dg.from(rdata));
       ++result->count;
       break;
     }

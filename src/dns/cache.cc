@@ -13,7 +13,7 @@ TickSource cacheClock = GetTickCount;
 
 namespace {
 
-DnsCacheEntry *entryOf(struct avl_node *node) noexcept {
+DnsCacheEntry *entry_of(struct avl_node *node) noexcept {
   // The node is the entry's first member.
   return reinterpret_cast<DnsCacheEntry *>(node);
 }
@@ -41,7 +41,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
   if (entry == nullptr || strcmp(entry->name, name) != 0) {
     struct avl_node *node = avl_find(&cache->tree, name);
     if (node == nullptr) return nullptr;
-    entry = entryOf(node);
+    entry = entry_of(node);
     cache->recent = entry;
   }
   const uint64_t now = cacheClock();
@@ -65,14 +65,14 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
 
 // Resets the tree to empty, then frees the entries along its old ordered
 // list. Runs with the mutex held.
-void emptyTree(DnsCache *cache) noexcept {
+void empty_tree(DnsCache *cache) noexcept {
   DnsCacheEntry *entry;
   DnsCacheEntry *tmp;
   cache->recent = nullptr;
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
-DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+DnsCacheEntry *new_entry(DnsCache *cache, const char *name) noexcept {
   const size_t length = strlen(name);
   auto *entry = static_cast<DnsCacheEntry *>(malloc(offsetof(DnsCacheEntry, name) + length + 1));
   if (entry == nullptr) return nullptr;
@@ -84,7 +84,7 @@ DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
   return entry;
 }
 
-DnsCacheAddress *findOrAddAddress(DnsCacheEntry *entry, const DnsAddressEntry *address) noexcept {
+DnsCacheAddress *find_or_add_address(DnsCacheEntry *entry, const DnsAddressEntry *address) noexcept {
   for (DnsCacheAddress *a = entry->addresses; a != nullptr; a = a->next) {
     if (memcmp(&a->address, address, sizeof a->address) == 0) return a;  // a refresh keeps its place
   }
@@ -99,7 +99,7 @@ DnsCacheAddress *findOrAddAddress(DnsCacheEntry *entry, const DnsAddressEntry *a
 
 }  // namespace
 
-int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept {
+int cache_get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept {
   if (name == nullptr || result == nullptr || cache == nullptr) return -1;
   MutexLock lock(&cache->mutex);
   const DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
@@ -112,17 +112,17 @@ int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount)
   return 0;
 }
 
-void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
+void cache_put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
   if (cache == nullptr || name == nullptr || address == nullptr || ttl == 0) return;
   MutexLock lock(&cache->mutex);
   DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
   if (entry == nullptr) {
-    entry = newEntry(cache, name);
+    entry = new_entry(cache, name);
     // Without memory for the address the new entry stays empty; the next
     // expiry walk over this name removes it.
     if (entry == nullptr) return;
   }
-  DnsCacheAddress *a = findOrAddAddress(entry, address);
+  DnsCacheAddress *a = find_or_add_address(entry, address);
   if (a == nullptr) return;
   // A repeat overwrites the expiry, which may shorten it.
   a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
@@ -148,24 +148,24 @@ void DnsCacheDestroy(DnsCache *cache) {
   if (cache == nullptr) return;
   {
     rk::MutexLock lock(&cache->mutex);
-    rk::dns::emptyTree(cache);
+    rk::dns::empty_tree(cache);
   }
   pthread_mutex_destroy(&cache->mutex);
   free(cache);
 }
 
 int DnsCache_Get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) {
-  return rk::dns::cacheGet(cache, name, result, maxCount);
+  return rk::dns::cache_get(cache, name, result, maxCount);
 }
 
 void DnsCache_Put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) {
-  rk::dns::cachePut(cache, name, address, ttl);
+  rk::dns::cache_put(cache, name, address, ttl);
 }
 
 void DnsCache_Clean(DnsCache *cache) {
   if (cache == nullptr) return;
   rk::MutexLock lock(&cache->mutex);
-  rk::dns::emptyTree(cache);
+  rk::dns::empty_tree(cache);
 }
 
 void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds) {

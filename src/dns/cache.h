@@ -33,8 +33,8 @@ using TickSource = uint64_t (*)();
 extern TickSource cacheClock;
 
 // What the exported DnsCache_Get/DnsCache_Put do, for callers inside the library.
-int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept;
-void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept;
+int cache_get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept;
+void cache_put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept;
 
 // The addresses `minCacheTime` and `ttl` give, in milliseconds: the minimum
 // is added to a shorter ttl (not taken instead of it), in 32 bits, and the

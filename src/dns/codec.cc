@@ -1,10 +1,17 @@
 #include "dns/codec.h"
 
+#include <arpa/inet.h>
 #include <string.h>
+
+#include "diag/logmsg.h"
+#include "dns/internal.h"
 
 namespace rk {
 namespace dns {
 namespace {
+
+// The question of a reverse lookup ends in this suffix.
+constexpr char kReverseSuffix[] = ".in-addr.arpa";
 
 void put16(uint8_t *p, uint16_t v) noexcept {
   p[0] = static_cast<uint8_t>(v >> 8);
@@ -16,7 +23,7 @@ void put16(uint8_t *p, uint16_t v) noexcept {
 // the right, so the text is copied in one piece; then the length byte of each
 // label goes where its dot (or, for the first, index 0) landed, and the root's
 // zero byte at the end. A label length keeps only its low 8 bits.
-void encodeLabels(uint8_t *out, const char *name, size_t length) noexcept {
+void encode_labels(uint8_t *out, const char *name, size_t length) noexcept {
   memcpy(out + 1, name, length);
   size_t p = 0;
   for (;;) {
@@ -37,7 +44,7 @@ void ChangeNameToDnsLabels(uint8_t *out, const char *name, int32_t size) noexcep
     return;
   }
   // The text that fits: up to its terminator, and never past index size - 2.
-  encodeLabels(out, name, strnlen(name, static_cast<size_t>(size) - 2));
+  encode_labels(out, name, strnlen(name, static_cast<size_t>(size) - 2));
 }
 
 size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept {
@@ -102,7 +109,7 @@ size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_
   if (nameLength != 0) {
     // The same as ChangeNameToDnsLabels with a size of L + 2, which takes
     // the whole text; its length is known here already.
-    encodeLabels(buf + kHeaderSize, name, nameLength);
+    encode_labels(buf + kHeaderSize, name, nameLength);
   }
   put16(buf + kHeaderSize + nameLength + 4, kClassIn);
   SetQueryType(buf, nameLength, qtype);
@@ -111,6 +118,29 @@ size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_
 
 void SetQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept {
   put16(buf + kHeaderSize + nameLength + 2, qtype);
+}
+
+void ChangeAddrToDnsName(const void *address, char *out) noexcept {
+  // Offset 4 holds the IPv4 address in both a DnsAddressEntry and a sockaddr_in.
+  struct in_addr ipv4;
+  memcpy(&ipv4, static_cast<const uint8_t *>(address) + offsetof(DnsAddressEntry, ipv4), sizeof ipv4);
+  char text[kPtrAddressTextSize] = {};
+  if (inet_ntop(AF_INET, &ipv4, text, sizeof text) == nullptr) {
+    RK_LOG_ERROR("inet_ntop");
+    return;
+  }
+  const int length = static_cast<int>(strlen(text));
+  ReverseDnsName(out, text, length);
+  strncpy(out + length, kReverseSuffix, static_cast<size_t>(kPtrNameSize - 1 - length));
+}
+
+void ChangeDnsNameToAddr(const char *name, struct in_addr *out) noexcept {
+  char text[kPtrAddressTextSize] = {};
+  const int length = static_cast<int>(strlen(name)) - static_cast<int>(sizeof kReverseSuffix - 1);
+  // ReverseDnsName writes length + 1 bytes. A longer text would be no
+  // address anyway, so `out` simply stays as it is.
+  if (length < static_cast<int>(sizeof text)) ReverseDnsName(text, name, length);
+  (void)inet_pton(AF_INET, text, out);
 }
 
 }  // namespace dns

@@ -6,6 +6,7 @@
 // no 63-byte limit, and the decoder stops only at a zero byte or at index 254.
 #pragma once
 
+#include <netinet/in.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -85,6 +86,16 @@ size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept;
 // reverse order ("1.2.3.4" -> "4.3.2.1"). Writes at most `length` + 1 bytes.
 // A text that ends in a dot leaves out[0] unwritten.
 void ReverseDnsName(char *out, const char *text, int32_t length) noexcept;
+
+// The two directions of a reverse lookup's name. ChangeAddrToDnsName: the
+// name of the IPv4 address at offset 4 of `address` (a DnsAddressEntry or a
+// sockaddr_in; the family is not looked at), e.g. "100.1.168.192.in-addr.arpa".
+// `out` holds 64 bytes and is zeroed by the caller; it stays empty when the
+// address can't be printed.
+void ChangeAddrToDnsName(const void *address, char *out) noexcept;
+// The address a PTR question `name` ("d.c.b.a.in-addr.arpa") asks about;
+// `out` stays as it is when the name holds no address.
+void ChangeDnsNameToAddr(const char *name, struct in_addr *out) noexcept;
 
 // Builds a query for `name` (L = `nameLength` bytes) in `buf`, which must be
 // zero-filled and hold L + 18 bytes: the identifier (already in network

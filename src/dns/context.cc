@@ -7,7 +7,7 @@
 
 #include <type_traits>
 
-#include "common/logmsg.h"
+#include "diag/logmsg.h"
 #include "dns/cache.h"
 #include "dns/internal.h"
 
@@ -102,7 +102,7 @@ void dns6SockCallback(struct uloop_fd *u, unsigned int events) {
   handleDnsSockEvent(context, u, events);
 }
 
-bool openSocket(struct uloop_fd *u, int family, uloop_fd_handler handler) noexcept {
+bool open_socket(struct uloop_fd *u, int family, uloop_fd_handler handler) noexcept {
   u->fd = createDnsSock(family);
   if (u->fd < 0) return false;
   u->cb = handler;
@@ -110,14 +110,14 @@ bool openSocket(struct uloop_fd *u, int family, uloop_fd_handler handler) noexce
   return true;
 }
 
-void closeSocket(struct uloop_fd *u) noexcept {
+void close_socket(struct uloop_fd *u) noexcept {
   if (u->fd < 0) return;  // never opened, or closed by an error or eof event
   uloop_fd_delete(u);
   close(u->fd);
   u->fd = -1;
 }
 
-int sendTo(int fd, struct list_head *servers, const uint8_t *packet, int32_t length,
+int send_to(int fd, struct list_head *servers, const uint8_t *packet, int32_t length,
            size_t addressOffset, socklen_t addressLength) noexcept {
   // Both server records are the list links followed by the socket address.
   for (struct list_head *p = servers->next; p != servers; p = p->next) {
@@ -128,18 +128,52 @@ int sendTo(int fd, struct list_head *servers, const uint8_t *packet, int32_t len
   return 0;
 }
 
+// The body of both server adders: `address` goes to the end of `servers`
+// unless a server with the same address (the `in` member of the socket
+// address) is there already. `caller` names the adder in its message.
+template <typename Server, typename SockAddr, typename InAddr>
+int add_server(struct list_head *servers, const SockAddr &address, InAddr SockAddr::*in, const char *caller,
+               const char *text) noexcept {
+  Server *server;
+  list_for_each_entry(server, servers, list) {
+    if (memcmp(&(server->addr.*in), &(address.*in), sizeof(InAddr)) == 0) return 0;
+  }
+  server = static_cast<Server *>(calloc(1, sizeof(Server)));
+  if (server == nullptr) return -1;
+  log_info("[%s:%d]add %s", caller, __LINE__, text);
+  server->addr = address;
+  list_add_tail(&server->list, servers);
+  return 0;
+}
+
+template <typename Server>
+void clean_servers(struct list_head *servers) noexcept {
+  Server *server;
+  Server *tmp;
+  list_for_each_entry_safe(server, tmp, servers, list) {
+    list_del(&server->list);
+    free(server);
+  }
+  INIT_LIST_HEAD(servers);
+}
+
 }  // namespace
 
 int sendDnsQuery(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
   if (context == nullptr || context->dnsSock.fd < 0) return -1;
-  return sendTo(context->dnsSock.fd, &context->servers, packet, length, offsetof(DnsServer, addr),
+  return send_to(context->dnsSock.fd, &context->servers, packet, length, offsetof(DnsServer, addr),
                 sizeof(struct sockaddr_in));
 }
 
 int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
   if (context == nullptr || context->dns6Sock.fd < 0) return -1;
-  return sendTo(context->dns6Sock.fd, &context->servers6, packet, length, offsetof(DnsServer6, addr),
+  return send_to(context->dns6Sock.fd, &context->servers6, packet, length, offsetof(DnsServer6, addr),
                 sizeof(struct sockaddr_in6));
+}
+
+void send_to_all(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept {
+  sendDnsQuery(context, query, static_cast<int32_t>(length));
+  sendDnsQuery6(context, query, static_cast<int32_t>(length));
 }
 
 }  // namespace dns
@@ -163,9 +197,9 @@ AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) {
   context->dns6Sock.fd = -1;
 
   // Both families are required: a system without IPv6 sockets gets no context.
-  if (!openSocket(&context->dnsSock, AF_INET, dnsSockCallback)) {
+  if (!open_socket(&context->dnsSock, AF_INET, dnsSockCallback)) {
     RK_LOG_ERROR("error dnsSock");
-  } else if (!openSocket(&context->dns6Sock, AF_INET6, dns6SockCallback)) {
+  } else if (!open_socket(&context->dns6Sock, AF_INET6, dns6SockCallback)) {
     RK_LOG_ERROR("error dns6Sock");
   } else if ((context->cache = DnsCacheCreate()) != nullptr) {
     return context;
@@ -176,8 +210,8 @@ AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) {
 
 int asyncDns_destroy(AsyncDnsContext *context) {
   if (context == nullptr) return 0;  // a precondition; refusing costs one test
-  rk::dns::closeSocket(&context->dnsSock);
-  rk::dns::closeSocket(&context->dns6Sock);
+  rk::dns::close_socket(&context->dnsSock);
+  rk::dns::close_socket(&context->dns6Sock);
   asyncDns_cleanServer(context);
   asyncDns_cleanServer6(context);
   if (context->cache != nullptr) DnsCacheDestroy(context->cache);
@@ -191,66 +225,34 @@ int asyncDns_AddServer(AsyncDnsContext *context, const char *szServer) {
                  static_cast<void *>(context));
     return -1;
   }
-  struct in_addr address;
-  if (inet_pton(AF_INET, szServer, &address) <= 0) {
+  struct sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(rk::dns::kDnsPort);
+  if (inet_pton(AF_INET, szServer, &address.sin_addr) <= 0) {
     RK_LOG_ERROR("szServer=%s", szServer);
     return -1;
   }
-  DnsServer *server;
-  list_for_each_entry(server, &context->servers, list) {
-    if (server->addr.sin_addr.s_addr == address.s_addr) return 0;
-  }
-  server = static_cast<DnsServer *>(calloc(1, sizeof(DnsServer)));
-  if (server == nullptr) return -1;
-  RK_LOG_INFO("add %s", szServer);
-  server->addr.sin_family = AF_INET;
-  server->addr.sin_port = htons(rk::dns::kDnsPort);
-  server->addr.sin_addr = address;
-  list_add_tail(&server->list, &context->servers);
-  return 0;
+  return rk::dns::add_server<DnsServer>(&context->servers, address, &sockaddr_in::sin_addr, __func__, szServer);
 }
 
 int asyncDns_AddServer6(AsyncDnsContext *context, const char *szServer) {
   if (szServer == nullptr || context == nullptr) return -1;
-  struct in6_addr address;
-  if (inet_pton(AF_INET6, szServer, &address) <= 0) {
+  struct sockaddr_in6 address = {};
+  address.sin6_family = AF_INET6;
+  address.sin6_port = htons(rk::dns::kDnsPort);
+  if (inet_pton(AF_INET6, szServer, &address.sin6_addr) <= 0) {
     RK_LOG_ERROR("%s is not ipv6", szServer);
     return -1;
   }
-  DnsServer6 *server;
-  list_for_each_entry(server, &context->servers6, list) {
-    if (memcmp(&server->addr.sin6_addr, &address, sizeof address) == 0) return 0;
-  }
-  server = static_cast<DnsServer6 *>(calloc(1, sizeof(DnsServer6)));
-  if (server == nullptr) return -1;
-  RK_LOG_INFO("add %s", szServer);
-  server->addr.sin6_family = AF_INET6;
-  server->addr.sin6_port = htons(rk::dns::kDnsPort);
-  server->addr.sin6_addr = address;
-  list_add_tail(&server->list, &context->servers6);
-  return 0;
+  return rk::dns::add_server<DnsServer6>(&context->servers6, address, &sockaddr_in6::sin6_addr, __func__, szServer);
 }
 
 void asyncDns_cleanServer(AsyncDnsContext *context) {
-  if (context == nullptr) return;
-  DnsServer *server;
-  DnsServer *tmp;
-  list_for_each_entry_safe(server, tmp, &context->servers, list) {
-    list_del(&server->list);
-    free(server);
-  }
-  INIT_LIST_HEAD(&context->servers);
+  if (context != nullptr) rk::dns::clean_servers<DnsServer>(&context->servers);
 }
 
 void asyncDns_cleanServer6(AsyncDnsContext *context) {
-  if (context == nullptr) return;
-  DnsServer6 *server;
-  DnsServer6 *tmp;
-  list_for_each_entry_safe(server, tmp, &context->servers6, list) {
-    list_del(&server->list);
-    free(server);
-  }
-  INIT_LIST_HEAD(&context->servers6);
+  if (context != nullptr) rk::dns::clean_servers<DnsServer6>(&context->servers6);
 }
 
 int asyncDns_cleanCache(AsyncDnsContext *context) {

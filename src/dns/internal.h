@@ -46,11 +46,8 @@ int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
 int sendDnsQuery(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept;
 int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept;
 
-// The reverse-lookup name of the IPv4 address at offset 4 of `address` (a
-// DnsAddressEntry or a sockaddr_in; the family is not looked at), e.g.
-// "100.1.168.192.in-addr.arpa". `out` holds 64 bytes and is zeroed by the
-// caller; it stays empty when the address can't be printed.
-void ChangeAddrToDnsName(const void *address, char *out) noexcept;
+// Sends a built query first to the IPv4 servers, then to the IPv6 ones.
+void send_to_all(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept;
 
 }  // namespace dns
 }  // namespace rk

@@ -60,7 +60,6 @@ int set_option(uci_context *ctx, uci_package *package, uci_section *section, con
 template <typename... Args>
 int set_number(uci_context *ctx, uci_package *package, uci_section *section, const char *option,
                const char *format, Args... value) noexcept {
-  if (!ctx || !package || !section || !option) return -1;
   NumberText text{};
   snprintf(text.data(), text.size(), format, value...);
   return set_option(ctx, package, section, option, text.data());

@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -173,6 +174,62 @@ TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
   }
   EXPECT_EQ(got, want);
   EXPECT_TRUE(answers.empty());  // nothing waits for an answer
+}
+
+TEST_F(DnsE2e, ServersAreAddedOnceAndLogged) {
+  SyslogCapture log;
+  ASSERT_TRUE(log.ok());
+  const struct {
+    bool v6;
+    const char *text;
+    int ret;
+    const char *line;  // "" when nothing is logged
+  } rows[] = {
+      {false, "127.0.0.1", 0, "I [asyncDns_AddServer:N]add 127.0.0.1"},
+      {false, "127.0.0.1", 0, ""},
+      {false, "::1", -1, "E [asyncDns_AddServer:N]szServer=::1"},
+      {true, "::1", 0, "I [asyncDns_AddServer6:N]add ::1"},
+      {true, "::1", 0, ""},
+      {true, "127.0.0.1", -1, "E [asyncDns_AddServer6:N]127.0.0.1 is not ipv6"},
+  };
+  for (const auto &row : rows) {
+    EXPECT_EQ((row.v6 ? asyncDns_AddServer6 : asyncDns_AddServer)(c(), row.text), row.ret) << row.text;
+    std::vector<std::string> want;
+    if (*row.line) want.push_back(row.line);
+    EXPECT_EQ(log.TakeNormalized(), want) << row.text;
+  }
+  EXPECT_EQ(asyncDns_AddServer(c(), nullptr), -1);
+  EXPECT_EQ(log.Take().size(), 1u);
+  EXPECT_EQ(asyncDns_AddServer6(nullptr, "::1"), -1);
+  asyncDns_cleanServer(c());
+  asyncDns_cleanServer6(c());
+  EXPECT_TRUE(list_empty(&c()->servers) && list_empty(&c()->servers6));
+}
+
+TEST_F(DnsE2e, NoSocketNoContextButTheIdentifierSteps) {
+  SyslogCapture log;
+  ASSERT_TRUE(log.ok());
+  const uint16_t before = ntohs(c()->id);
+  EXPECT_EQ(asyncDns_AddServer(c(), "no address"), -1);  // syslog connects while it still can
+  log.Take();
+  rlimit saved;
+  getrlimit(RLIMIT_NOFILE, &saved);
+  const int lowest = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  close(lowest);
+  for (int free_fds : {0, 1}) {  // no IPv4 socket; then no IPv6 socket
+    rlimit r = saved;
+    r.rlim_cur = static_cast<rlim_t>(lowest + free_fds);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &r), 0);
+    EXPECT_EQ(asyncDns_create(nullptr), nullptr);
+    setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(fcntl(lowest, F_GETFD), -1) << "the IPv4 socket is closed again";
+  }
+  EXPECT_EQ(log.TakeNormalized(), (std::vector<std::string>{
+                                      "E [createDnsSock:N]error create sock", "E [asyncDns_create:N]error dnsSock",
+                                      "E [createDnsSock:N]error create sock", "E [asyncDns_create:N]error dns6Sock"}));
+  ContextPtr after(asyncDns_create(nullptr), asyncDns_destroy);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(ntohs(after->id), static_cast<uint16_t>(before + 3));
 }
 
 TEST(DnsIdentifiers, ProcessIdThenOneMorePerContext) {

@@ -272,6 +272,9 @@ TEST_F(OneShot, TypedWritersStoreTheirText) {
       {"yes", uciSetOptionBoolean("network", nullptr, "sw0", "yes", 1), "true"},
       {"no", uciSetOptionBoolean("network", nullptr, "sw0", "no", 0), "false"},
       {"enabled", uciSetOptionEnabled("network", nullptr, "sw0", 0x80), "true"},
+      // Refused: no value, or no length for it.
+      {"empty", uciSetOptionString("network", nullptr, "sw0", "empty", "x", 0) + 1, "<absent>"},
+      {"null", uciSetOptionString("network", nullptr, "sw0", "null", nullptr, 1) + 1, "<absent>"},
   };
   for (const auto &r : rows) {
     EXPECT_EQ(r.rc, 0) << r.option;

@@ -25,6 +25,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dns/cache.h"
 #include "dns_test.h"
 #include "rk_test.h"
 
@@ -201,6 +202,7 @@ TEST_F(DnsE2e, ServersAreAddedOnceAndLogged) {
   EXPECT_EQ(asyncDns_AddServer(c(), nullptr), -1);
   EXPECT_EQ(log.Take().size(), 1u);
   EXPECT_EQ(asyncDns_AddServer6(nullptr, "::1"), -1);
+  EXPECT_EQ(asyncLookupPtr(c(), nullptr), -1);
   asyncDns_cleanServer(c());
   asyncDns_cleanServer6(c());
   EXPECT_TRUE(list_empty(&c()->servers) && list_empty(&c()->servers6));
@@ -265,6 +267,8 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
   Query none;
   EXPECT_FALSE(server.Next(&none, 50));  // nothing was sent
 
+  EXPECT_EQ(asyncDns_setMinDnsCache(c(), 7), 0);
+  EXPECT_EQ(c()->cache->minCacheTime, 7u);
   EXPECT_EQ(asyncDns_cleanCache(c()), 0);  // forgotten: the next lookup asks again
   answers.clear();
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);

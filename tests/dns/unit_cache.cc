@@ -165,30 +165,5 @@ TEST_F(DnsCacheTest, ZeroTtlChangesNothingNotEvenExpiredAddresses) {
   EXPECT_EQ(names(), 0u);
 }
 
-TEST_F(DnsCacheTest, CleanEmptiesButKeepsTheMinimum) {
-  DnsCache_setMinCacheTime(cache_, 60);
-  put("a", v4("1.1.1.1"), 100);
-  put("b", v4("2.2.2.2"), 100);
-  put("c", v6("::1"), 100);
-  DnsCache_Clean(cache_);
-  EXPECT_EQ(names(), 0u);
-  EXPECT_EQ(get("a"), "absent");
-  EXPECT_EQ(get("b"), "absent");
-  put("a", v4("1.1.1.1"), 30);
-  fakeNow += 90000;
-  EXPECT_EQ(get("a"), "1.1.1.1");
-  fakeNow += 1;
-  EXPECT_EQ(get("a"), "absent");
-  DnsCache_Clean(cache_);  // an empty cache cleans too
-  EXPECT_EQ(names(), 0u);
-}
-
-TEST_F(DnsCacheTest, SetMinCacheTimeAppliesFromTheNextPut) {
-  put("n", v4("1.1.1.1"), 10);
-  DnsCache_setMinCacheTime(cache_, 60);
-  fakeNow += 10001;
-  EXPECT_EQ(get("n"), "absent");
-}
-
 }  // namespace
 }  // namespace rk::test

@@ -51,35 +51,6 @@ INSTANTIATE_TEST_SUITE_P(
         QuotingCase{"crlf", "'v'\r", "v"}, QuotingCase{"tabs_around", "\t'v'\t", "v"}),
     [](const ::testing::TestParamInfo<QuotingCase> &info) { return std::string(info.param.label); });
 
-// Anonymous sections are named "cfg" + their position + a hash of the type,
-// as change files and `uci show` spell them.
-TEST_F(UciTest, AnonymousSectionNames) {
-  const struct {
-    const char *file;
-    const char *names;
-  } rows[] = {
-      {"config system\n\toption hostname a\n", "cfg01e48a "},
-      {"config system\n\toption hostname b\n\toption zonename UTC\n", "cfg01e48a "},
-      {"config rule\nconfig zone\n", "cfg0192bd cfg02dc81 "},
-      {"config a 'x'\nconfig a 'x'\nconfig a\n", "x cfg02b606 "},
-      {"config a ''\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\n"
-       "config a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\nconfig a\n",
-       "cfg01b606 cfg02b606 cfg03b606 cfg04b606 cfg05b606 cfg06b606 cfg07b606 cfg08b606 cfg09b606 "
-       "cfg0ab606 cfg0bb606 cfg0cb606 cfg0db606 cfg0eb606 cfg0fb606 cfg10b606 cfg11b606 "},
-  };
-  for (const auto &row : rows) {
-    WriteFile(Conf("anon"), row.file);
-    uci_context *ctx = NewContext();
-    uci_package *p = nullptr;
-    ASSERT_EQ(UCI_OK, uci_load(ctx, "anon", &p));
-    std::string names;
-    uci_element *e;
-    uci_foreach_element(&p->sections, e) names += std::string(e->name) + " ";
-    EXPECT_EQ(row.names, names) << row.file;
-    uci_free_context(ctx);
-  }
-}
-
 struct BadFile {
   const char *label;
   const char *text;

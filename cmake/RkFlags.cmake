@@ -4,6 +4,9 @@ if(ROUTERKIT_WERROR)
   list(APPEND RK_WARNINGS -Werror)
 endif()
 add_compile_options(${RK_WARNINGS})
+# 64-bit file offsets and inode numbers on 32-bit targets too: without them
+# stat, lstat and readdir fail with EOVERFLOW on large file systems.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
 
 if(ROUTERKIT_SANITIZE)
   add_compile_options(-fsanitize=${ROUTERKIT_SANITIZE} -fno-omit-frame-pointer

@@ -18,9 +18,17 @@ function(rk_add_gtest name)
     set(T_TIMEOUT 120)
   endif()
   set(props TIMEOUT ${T_TIMEOUT})
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    # qemu-user 7.2 runs threads and forked children of dynamically linked
+    # programs badly (they crash at their first step); static ones are fine.
+    target_link_options(${name} PRIVATE -static)
+    list(GET CMAKE_CROSSCOMPILING_EMULATOR 0 _rk_emulator)
+    list(APPEND props ENVIRONMENT RK_EMULATED=${_rk_emulator})
+  endif()
   if(T_NAMESPACE)
+    # In a cross build the namespace runner starts the target's emulator.
     set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR
-      "${RK_NS_RUN};--keep;${PROJECT_BINARY_DIR};--keep;${PROJECT_SOURCE_DIR}")
+      "${RK_NS_RUN};--keep;${PROJECT_BINARY_DIR};--keep;${PROJECT_SOURCE_DIR};${CMAKE_CROSSCOMPILING_EMULATOR}")
     list(APPEND props LABELS namespace)
   endif()
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST

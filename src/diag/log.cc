@@ -25,6 +25,11 @@
 
 #include "common/raii.h"
 
+// The size test and the lock work on any file system only with 64-bit file
+// offsets and inode numbers, which a 32-bit target gets from
+// _FILE_OFFSET_BITS=64 (set by the build).
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit off_t and ino_t");
+
 namespace rk {
 namespace {
 

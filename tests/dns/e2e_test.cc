@@ -9,8 +9,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -130,9 +130,11 @@ int Lookup(AsyncDnsContext *c, const char *name) {
   return ret;
 }
 
+// The query for "aaa.bbbbbbb.ccc": the identifier's bytes as the context
+// keeps them (network order), then the fixed header and the question.
 Bytes Query33(uint16_t id_network, uint16_t type) {
   Packet p;
-  p.raw(Bytes{static_cast<uint8_t>(id_network & 0xff), static_cast<uint8_t>(id_network >> 8)});
+  p.raw(Bytes(reinterpret_cast<const uint8_t *>(&id_network), reinterpret_cast<const uint8_t *>(&id_network) + 2));
   return p.u16(0x0100).u16(1).u16(0).u16(0).u16(0).raw(Labels("aaa.bbbbbbb.ccc")).u16(type).u16(1).b;
 }
 
@@ -355,15 +357,11 @@ class Dnsmasq {
                                "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
                                "--conf-file=/dev/null", "--log-facility=-"});
     if (access(args[0].c_str(), X_OK) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the test
-      std::vector<char *> argv;
-      for (auto &a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    // posix_spawn rather than fork: it also works under user-mode emulation.
+    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
   }
   ~Dnsmasq() {
     if (pid_ <= 0) return;

@@ -26,6 +26,17 @@ namespace {
 constexpr uint16_t kId = 0x1234;  // the context's identifier, as a number
 const char *const kQ = "aaa.bbbbbbb.ccc";
 
+// The identifiers are printed as the 16-bit values their two bytes give in
+// memory, so the text differs between little- and big-endian hosts.
+std::string InMemory(uint8_t first, uint8_t second) {
+  const uint8_t bytes[2] = {first, second};
+  uint16_t value;
+  memcpy(&value, bytes, 2);
+  char text[8];
+  snprintf(text, sizeof text, "%x", value);
+  return text;
+}
+
 Packet header(uint16_t qd, uint16_t an, uint16_t id = kId) { return Header(id, qd, an); }
 Packet response(const std::string &question, uint16_t an, uint16_t qtype = 1) {
   return Response(kId, question, an, qtype);
@@ -126,7 +137,7 @@ TEST_F(DnsAnswers, RefusedBeforeTheAnswerLoop) {
 
   const Row rows[] = {
       {"20 bytes are too short", Bytes(20, 0), -1, {}, {"I [checkDnsSocket:N]error size(20)"}, {}},
-      {"21 bytes reach the identifier test", idOnly21, -1, {}, {"I [checkDnsSocket:N]error id(7856,3412)"}, {}},
+      {"21 bytes reach the identifier test", idOnly21, -1, {}, {"I [checkDnsSocket:N]error id(" + InMemory(0x56, 0x78) + "," + InMemory(0x12, 0x34) + ")"}, {}},
       {"then the question count", rightId21, -1, {}, {"I [checkDnsSocket:N]error questCount(0)"}, {}},
       {"two questions", header(2, 1).raw(labels(kQ)).u16(1).u16(1).answer(1, 60, v4("1.2.3.4")).b, -1, {},
        {"I [checkDnsSocket:N]error questCount(2)"}, {}},
@@ -290,7 +301,7 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
   EXPECT_EQ(run(Bytes(5, 0), &from6).logs, Strings{"I [checkDnsSocket:N]error size(5) from 2001:db8::53"});
   EXPECT_EQ(run(Bytes(5, 0), &fromUnix).logs, Strings{"I [checkDnsSocket:N]error size(5)"});
   EXPECT_EQ(run(header(1, 1, 0xabcd).fill(10, 0).b, &from4).logs,
-            Strings{"I [checkDnsSocket:N]error id(cdab,3412) from 192.0.2.7"});
+            Strings{"I [checkDnsSocket:N]error id(" + InMemory(0xab, 0xcd) + "," + InMemory(0x12, 0x34) + ") from 192.0.2.7"});
   EXPECT_EQ(run(header(3, 1).fill(10, 0).b, &from6).logs,
             Strings{"I [checkDnsSocket:N]error questCount(3) from 2001:db8::53"});
   EXPECT_EQ(run(response(kQ, 1).raw({0xC0, 0x0C}).b, &from4).logs,

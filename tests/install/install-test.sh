@@ -6,6 +6,7 @@
 #   cc app.c $(pkg-config --cflags --libs routerkit)
 # then runs it.
 set -eu
+if [ -n "${RK_APP_SKIP:-}" ]; then echo "skipped: $RK_APP_SKIP"; exit 77; fi
 build=$1 src=$2
 prefix=$(mktemp -d /tmp/rk-prefix.XXXXXX)
 trap 'rm -rf "$prefix"' EXIT
@@ -20,6 +21,6 @@ done
 export PKG_CONFIG_PATH="$pcdir"
 libdir=$(pkg-config --variable=libdir routerkit)
 [ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }
-cc -std=c99 -Wall -Wextra -Werror ${RK_APP_CFLAGS:-} -o "$prefix/app" "$src/tests/install/app.c" \
+${RK_APP_CC:-cc} -std=c99 -Wall -Wextra -Werror ${RK_APP_CFLAGS:-} -o "$prefix/app" "$src/tests/install/app.c" \
    $(pkg-config --cflags --libs routerkit)
-LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$prefix/app"
+LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" ${RK_APP_RUN:-} "$prefix/app"

@@ -3,6 +3,7 @@
 // in namespace rk::test.
 #pragma once
 
+#include <stdlib.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -25,6 +26,13 @@ bool InTestNamespace();
       GTEST_SKIP() << "writes fixed paths: run through ctest (tests/support/rk-ns-run)"; \
   } while (0)
 
+// Set (to the emulator's name) when the tests of a cross build run under
+// qemu-user. A case that cannot work there skips with its reason.
+#define RK_SKIP_UNDER_EMULATION(reason)                                \
+  do {                                                                \
+    if (getenv("RK_EMULATED") != nullptr)                             \
+      GTEST_SKIP() << "under " << getenv("RK_EMULATED") << ": " << reason; \
+  } while (0)
 // ---- files ----
 bool WriteFile(const std::string &path, const std::string &content, int mode = 0644);
 std::string ReadFile(const std::string &path);

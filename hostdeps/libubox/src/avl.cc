@@ -11,18 +11,22 @@
 
 #include <cstddef>
 
-// Same layout as the real library's records (LP64).
-static_assert(sizeof(avl_node) == 56, "avl_node layout");
-static_assert(offsetof(avl_node, list) == 0 && offsetof(avl_node, parent) == 16 &&
-                  offsetof(avl_node, left) == 24 && offsetof(avl_node, right) == 32 &&
-                  offsetof(avl_node, key) == 40 && offsetof(avl_node, balance) == 48 &&
-                  offsetof(avl_node, leader) == 49,
-              "avl_node field offsets");
-static_assert(sizeof(avl_tree) == 48, "avl_tree layout");
-static_assert(offsetof(avl_tree, list_head) == 0 && offsetof(avl_tree, root) == 16 &&
-                  offsetof(avl_tree, count) == 24 && offsetof(avl_tree, allow_dups) == 28 &&
-                  offsetof(avl_tree, comp) == 32 && offsetof(avl_tree, cmp_ptr) == 40,
-              "avl_tree field offsets");
+// Same layout as the real library's records, on 32- and 64-bit targets:
+// pointers, then the small fields, in the C declaration order.
+namespace {
+constexpr size_t kP = sizeof(void *);
+}
+static_assert(offsetof(avl_node, parent) == 2 * kP && offsetof(avl_node, left) == 3 * kP &&
+                  offsetof(avl_node, right) == 4 * kP && offsetof(avl_node, key) == 5 * kP &&
+                  offsetof(avl_node, balance) == 6 * kP && offsetof(avl_node, leader) == 6 * kP + 1 &&
+                  sizeof(avl_node) == 7 * kP,
+              "avl_node layout");
+static_assert(offsetof(avl_tree, root) == 2 * kP && offsetof(avl_tree, count) == 3 * kP &&
+                  offsetof(avl_tree, allow_dups) == 3 * kP + 4 &&
+                  offsetof(avl_tree, comp) == (3 * kP + 5 + kP - 1) / kP * kP &&
+                  offsetof(avl_tree, cmp_ptr) == offsetof(avl_tree, comp) + kP &&
+                  sizeof(avl_tree) == offsetof(avl_tree, cmp_ptr) + kP,
+              "avl_tree layout");
 
 namespace rk {
 namespace {

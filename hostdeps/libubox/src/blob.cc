@@ -16,13 +16,13 @@
 #include <cstring>
 #include <vector>
 
-// Wire and record layouts shared with the real library (LP64).
+// Wire and record layouts shared with the real library, on 32- and 64-bit
+// targets.
 static_assert(sizeof(blob_attr) == 4, "blob_attr is a bare 32-bit header");
 static_assert(sizeof(blobmsg_hdr) == 2, "blobmsg_hdr is a bare 16-bit length");
-static_assert(sizeof(blob_buf) == 32, "blob_buf layout");
-static_assert(offsetof(blob_buf, head) == 0 && offsetof(blob_buf, grow) == 8 &&
-                  offsetof(blob_buf, buflen) == 16 && offsetof(blob_buf, buf) == 24,
-              "blob_buf field offsets");
+static_assert(offsetof(blob_buf, grow) == sizeof(void *) && offsetof(blob_buf, buflen) == 2 * sizeof(void *) &&
+                  offsetof(blob_buf, buf) == 3 * sizeof(void *) && sizeof(blob_buf) == 4 * sizeof(void *),
+              "blob_buf layout");
 
 namespace rk {
 namespace {

@@ -20,16 +20,16 @@
 #include <cstddef>
 
 // Code built against the real library steps between embedded records, so
-// the layouts must match it byte for byte (LP64).
-static_assert(sizeof(uloop_fd) == 16, "uloop_fd layout");
-static_assert(offsetof(uloop_fd, cb) == 0 && offsetof(uloop_fd, fd) == 8 &&
-                  offsetof(uloop_fd, eof) == 12 && offsetof(uloop_fd, error) == 13 &&
-                  offsetof(uloop_fd, registered) == 14 && offsetof(uloop_fd, flags) == 15,
-              "uloop_fd field offsets");
-static_assert(sizeof(uloop_timeout) == 48, "uloop_timeout layout");
-static_assert(offsetof(uloop_timeout, list) == 0 && offsetof(uloop_timeout, pending) == 16 &&
-                  offsetof(uloop_timeout, cb) == 24 && offsetof(uloop_timeout, time) == 32,
-              "uloop_timeout field offsets");
+// the layouts must match it byte for byte, on 32- and 64-bit targets.
+static_assert(offsetof(uloop_fd, fd) == sizeof(void *) && offsetof(uloop_fd, eof) == sizeof(void *) + 4 &&
+                  offsetof(uloop_fd, error) == sizeof(void *) + 5 &&
+                  offsetof(uloop_fd, registered) == sizeof(void *) + 6 &&
+                  offsetof(uloop_fd, flags) == sizeof(void *) + 7 && sizeof(uloop_fd) == sizeof(void *) + 8,
+              "uloop_fd layout");
+static_assert(offsetof(uloop_timeout, pending) == 2 * sizeof(void *) &&
+                  offsetof(uloop_timeout, cb) == 3 * sizeof(void *) &&
+                  offsetof(uloop_timeout, time) == 4 * sizeof(void *),
+              "uloop_timeout layout");
 
 namespace rk {
 namespace {

@@ -41,8 +41,6 @@ class WireView {
   constexpr WireView(const uint8_t *data, size_t size) noexcept : data_(data), size_(size) {}
 
   constexpr size_t size() const noexcept { return size_; }
-  // True when the byte at `off` lies inside the view.
-  constexpr bool has(size_t off) const noexcept { return off < size_; }
   constexpr uint8_t operator[](size_t off) const noexcept { return off < size_ ? data_[off] : 0; }
   // Network-order integers; bytes behind the end count as zero.
   constexpr uint16_t u16(size_t off) const noexcept {

@@ -236,6 +236,12 @@ TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
     EXPECT_EQ(got.rc, row.want.rc);
     EXPECT_EQ(got.value, row.want.value);
   }
+  uint32_t u = 0;
+  uint8_t b = 0;
+  EXPECT_EQ(uciGetOptionUint32("types", nullptr, "v", "t0", nullptr), -1);
+  EXPECT_EQ(uciGetOptionUint32(nullptr, nullptr, "v", "t0", &u), -1);
+  EXPECT_EQ(uciGetOptionBoolean("types", nullptr, "v", "t0", nullptr), -1);
+  EXPECT_EQ(uciGetOptionBoolean("types", nullptr, "v", nullptr, &b), -1);
 }
 
 // ---- writer ------------------------------------------------------------------
@@ -283,6 +289,10 @@ TEST_F(OneShot, TypedWritersStoreTheirText) {
 }
 
 TEST_F(OneShot, FailedCommitRevertsAndReportsFailure) {
+  // Changes saved earlier by someone else: only those of the section written
+  // here ('lan', the third) go with the revert.
+  ASSERT_EQ(mkdir(kSaveDir, 0700), 0);
+  ASSERT_TRUE(WriteFile(std::string(kSaveDir) + "/network", "network.wan.mtu='1400'\nnetwork.lan.mtu='1500'\n"));
   const std::string before = ReadFile(conf_path("network"));
   {
     ReadOnlyDir ro(kConfDir);
@@ -292,9 +302,10 @@ TEST_F(OneShot, FailedCommitRevertsAndReportsFailure) {
   }
   EXPECT_EQ(ReadFile(conf_path("network")), before);
   // Nothing of the change survives: not in the file, not pending for a later
-  // context. (That the revert is asked for is checked in uci_calls_test.)
+  // context.
   EXPECT_EQ(stored("network", "lan", "proto"), "static");
   EXPECT_EQ(stored("network", "lan", "mtu"), "<absent>");
+  EXPECT_EQ(stored("network", "wan", "mtu"), "1400");
   EXPECT_EQ(ReadFile(std::string(kSaveDir) + "/network").find("lan"), std::string::npos);
 }
 

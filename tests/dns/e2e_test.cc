@@ -269,6 +269,14 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
   Query none;
   EXPECT_FALSE(server.Next(&none, 50));  // nothing was sent
 
+  // Without a callback nobody could take a cached answer: the lookup asks.
+  ContextPtr quiet(asyncDns_create(nullptr), asyncDns_destroy);
+  ASSERT_EQ(asyncDns_AddServer(quiet.get(), "127.0.0.1"), 0);
+  const DnsAddressEntry cached = Entry("192.0.2.1");
+  DnsCache_Put(quiet->cache, "aaa.bbbbbbb.ccc", &cached, 300);
+  ASSERT_EQ(asyncLookup(quiet.get(), "aaa.bbbbbbb.ccc"), 0);
+  EXPECT_EQ(server.Take(2).size(), 2u);
+
   EXPECT_EQ(asyncDns_setMinDnsCache(c(), 7), 0);
   EXPECT_EQ(c()->cache->minCacheTime, 7u);
   EXPECT_EQ(asyncDns_cleanCache(c()), 0);  // forgotten: the next lookup asks again

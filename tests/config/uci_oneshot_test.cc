@@ -114,51 +114,27 @@ struct Want {
 constexpr Want kFail{-1, kKept};
 
 enum Reader { kU32, kI32, kU64, kU16, kU8, kBool };
-const char *reader_name(Reader r) {
-  static const char *const names[] = {"Uint32", "Int32", "Uint64", "Uint16", "Uint8", "Boolean"};
-  return names[r];
+const char *const kReaderNames[] = {"Uint32", "Int32", "Uint64", "Uint16", "Uint8", "Boolean"};
+
+// Runs `read` on option `option` of section 'v' in "types" with a preset
+// `out` (0xA5 in every byte); the result, and the value read (or kKept).
+template <typename T>
+Want read_with(int (*read)(const char *, const char *, const char *, const char *, T *), const char *option) {
+  T preset;
+  memset(&preset, 0xA5, sizeof preset);
+  T v = preset;
+  const int rc = read("types", nullptr, "v", option, &v);
+  return {rc, v == preset ? kKept : static_cast<long long>(v)};  // a Uint64 above LLONG_MAX by its bits
 }
 
-// Runs one typed reader on option `option` of section 'v' in "types", with a
-// preset `out`; returns the result, and the value as read (or kKept).
 Want read_typed(Reader r, const char *option) {
-  auto finish = [](int rc, auto got, auto preset) {
-    return Want{rc, got == preset ? kKept : static_cast<long long>(got)};
-  };
-  const char *c = "types";
   switch (r) {
-    case kU32: {
-      uint32_t v = 0xA5A5A5A5u;
-      int rc = uciGetOptionUint32(c, nullptr, "v", option, &v);
-      return finish(rc, v, 0xA5A5A5A5u);
-    }
-    case kI32: {
-      int v = -12345;
-      int rc = uciGetOptionInt32(c, nullptr, "v", option, &v);
-      return finish(rc, v, -12345);
-    }
-    case kU64: {
-      uint64_t v = 0xA5A5A5A5A5A5A5A5ull;
-      int rc = uciGetOptionUint64(c, nullptr, "v", option, &v);
-      if (v == 0xA5A5A5A5A5A5A5A5ull) return Want{rc, kKept};
-      // Values above LLONG_MAX compare through their bit pattern.
-      return Want{rc, static_cast<long long>(v)};
-    }
-    case kU16: {
-      uint16_t v = 0xA5A5;
-      int rc = uciGetOptionUint16(c, nullptr, "v", option, &v);
-      return finish(rc, v, static_cast<uint16_t>(0xA5A5));
-    }
-    case kU8: {
-      uint8_t v = 0xA5;
-      int rc = uciGetOptionUint8(c, nullptr, "v", option, &v);
-      return finish(rc, v, static_cast<uint8_t>(0xA5));
-    }
-    case kBool: {
-      uint8_t v = 9;
-      int rc = uciGetOptionBoolean(c, nullptr, "v", option, &v);
-      return finish(rc, v, static_cast<uint8_t>(9));
-    }
+    case kU32: return read_with(uciGetOptionUint32, option);
+    case kI32: return read_with(uciGetOptionInt32, option);
+    case kU64: return read_with(uciGetOptionUint64, option);
+    case kU16: return read_with(uciGetOptionUint16, option);
+    case kU8: return read_with(uciGetOptionUint8, option);
+    case kBool: return read_with(uciGetOptionBoolean, option);
   }
   return kFail;
 }
@@ -232,7 +208,7 @@ TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
     const TypedRow &row = kTypedRows[i];
     std::string option = "t" + std::to_string(i);
     Want got = read_typed(row.reader, option.c_str());
-    SCOPED_TRACE(std::string(reader_name(row.reader)) + " on " + (row.text ? row.text : "(missing)"));
+    SCOPED_TRACE(std::string(kReaderNames[row.reader]) + " on " + (row.text ? row.text : "(missing)"));
     EXPECT_EQ(got.rc, row.want.rc);
     EXPECT_EQ(got.value, row.want.value);
   }

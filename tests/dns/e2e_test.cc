@@ -26,6 +26,7 @@
 #include <gtest/gtest.h>
 
 #include "dns/cache.h"
+#include "dns/internal.h"
 #include "dns_test.h"
 #include "rk_test.h"
 
@@ -336,6 +337,10 @@ TEST_F(DnsE2e, ErrorOrEofClosesThatFamilysSocketForGood) {
     ASSERT_EQ(q.size(), 2u);
     EXPECT_EQ(q[0].to, row.left);
     EXPECT_EQ(q[1].to, row.left);
+    const uint8_t none[1] = {0};
+    EXPECT_EQ((row.v4 ? rk::dns::sendDnsQuery : rk::dns::sendDnsQuery6)(c(), none, 1), -1);
+    EXPECT_EQ((row.v4 ? rk::dns::sendDnsQuery6 : rk::dns::sendDnsQuery)(c(), none, 1), 0);
+    EXPECT_EQ(rk::dns::sendDnsQuery(nullptr, none, 1), -1);
     ctx_.reset();
     EXPECT_NE(fcntl(other, F_GETFD), -1);
     close(other);

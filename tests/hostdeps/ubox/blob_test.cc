@@ -35,14 +35,6 @@ struct Buf {
   Buf &operator=(const Buf &) = delete;
 };
 
-TEST(BlobmsgWire, ScalarUnderRawRoot) {
-  Buf buf;
-  ASSERT_EQ(blob_buf_init(&buf.b, 0), 0);
-  uint32_t value = cpu_to_be32(0x01020304);
-  ASSERT_EQ(blobmsg_add_field(&buf.b, BLOBMSG_TYPE_INT32, "n", &value, 4), 0);
-  EXPECT_EQ(message(buf.b), Hex("00000010 8500000c 0001 6e 00 01020304"));
-}
-
 TEST(BlobmsgWire, TableWithStringAndArrayOfBools) {
   Buf buf;
   ASSERT_EQ(blobmsg_buf_init(&buf.b), 0);
@@ -94,17 +86,6 @@ TEST(BlobmsgWire, IntegerAndDoubleHelpersWriteBigEndian) {
                                 "8600000a 00000000 0102 0000"
                                 "84000010 00000000 0102030405060708"
                                 "88000010 00000000 3ff0000000000000"));
-}
-
-TEST(BlobmsgWire, AddFieldCopiesBytesAsGivenAndNullNameIsEmpty) {
-  Buf buf;
-  ASSERT_EQ(blob_buf_init(&buf.b, 0), 0);
-  const uint8_t raw[] = {0x04, 0x03, 0x02, 0x01};
-  ASSERT_EQ(blobmsg_add_field(&buf.b, BLOBMSG_TYPE_INT32, nullptr, raw, 4), 0);
-  ASSERT_EQ(blobmsg_add_field(&buf.b, BLOBMSG_TYPE_STRING, "e", nullptr, 0), 0);
-  EXPECT_EQ(message(buf.b), Hex("00000018"
-                                "8500000c 00000000 04030201"
-                                "83000008 0001 6500"));
 }
 
 // Exactly len bytes on the heap (a zero-length block for len 0).

@@ -1,6 +1,5 @@
-// The life of a change: pending in memory, saved into a change file, applied
-// at load, committed into the configuration file or reverted; and the
-// failures a commit must survive without losing the old file.
+// A commit that fails after libuci has already loaded the package again:
+// the caller gets the new package, holding the change, and the old file stays.
 #include <dirent.h>
 #include <errno.h>
 #include <stdlib.h>
@@ -35,40 +34,6 @@ class UciChanges : public UciTest {
     ASSERT_EQ(UCI_OK, uci_set(ctx_, &ptr)) << sec << "." << (opt ? opt : "") << "=" << value;
   }
 };
-
-TEST_F(UciChanges, SaveAppendsChangeLinesAndKeepsThePackage) {
-  WriteFile(Conf("network"), "config interface 'lan'\n\toption proto static\n"
-                             "\toption ipaddr 1.2.3.4\n\tlist dns 8.8.8.8\n");
-  uci_package *p = Load("network");
-  Set(p, "lan", "proto", "dhcp");
-  Set(p, "lan", "ipaddr", "");
-  uci_ptr ptr = On(p, "lan", "dns", "9.9.9.9");
-  ASSERT_EQ(UCI_OK, uci_add_list(ctx_, &ptr));
-  ptr = On(p, "lan", "dns", "8.8.8.8");
-  ASSERT_EQ(UCI_OK, uci_del_list(ctx_, &ptr));
-  Set(p, "guest", nullptr, "interface");
-  Set(p, "lan", "descr", "it's");
-  const std::string mem = Dump(p);
-
-  ASSERT_EQ(UCI_OK, uci_save(ctx_, p));
-  const char kLines[] =
-      "network.lan.proto='dhcp'\n"
-      "-network.lan.ipaddr\n"
-      "|network.lan.dns='9.9.9.9'\n"
-      "~network.lan.dns='8.8.8.8'\n"
-      "network.guest='interface'\n"
-      "network.lan.descr='it'\\''s'\n";
-  EXPECT_EQ(kLines, ReadFile(Saved("network")));
-  EXPECT_EQ(mem, Dump(p));
-  ASSERT_EQ(UCI_OK, uci_save(ctx_, p));  // nothing pending: nothing added
-  EXPECT_EQ(kLines, ReadFile(Saved("network")));
-
-  // Another context sees the saved changes; the file itself is untouched.
-  EXPECT_EQ(mem, FreshDump("network"));
-  EXPECT_EQ("config interface 'lan'\n\toption proto static\n\toption ipaddr 1.2.3.4\n"
-            "\tlist dns 8.8.8.8\n",
-            ReadFile(Conf("network")));
-}
 
 // A read-only confdir: `dir` becomes a tmpfs holding `files`, then read-only.
 class UciReadOnly : public UciChanges {

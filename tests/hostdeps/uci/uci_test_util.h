@@ -15,33 +15,6 @@
 
 namespace rk::test {
 
-// "type name(anon)" per section, "  opt='value'" / "  opt=['a','b']" per option.
-inline std::string Dump(uci_package *p) {
-  std::string out;
-  uci_element *se;
-  uci_foreach_element(&p->sections, se) {
-    uci_section *s = uci_to_section(se);
-    out += std::string(s->type) + " " + se->name + (s->anonymous ? "(anon)" : "") + "\n";
-    uci_element *oe;
-    uci_foreach_element(&s->options, oe) {
-      uci_option *o = uci_to_option(oe);
-      out += std::string("  ") + oe->name + "=";
-      if (o->type == UCI_TYPE_STRING) {
-        out += std::string("'") + o->v.string + "'\n";
-        continue;
-      }
-      const char *sep = "[";
-      uci_element *item;
-      uci_foreach_element(&o->v.list, item) {
-        out += std::string(sep) + "'" + item->name + "'";
-        sep = ",";
-      }
-      out += "]\n";
-    }
-  }
-  return out;
-}
-
 // The value of string option `opt` of section `sec`, or "<none>".
 inline std::string Get(uci_context *ctx, uci_package *p, const char *sec, const char *opt) {
   uci_section *s = uci_lookup_section(ctx, p, sec);
@@ -76,16 +49,6 @@ class UciTest : public ::testing::Test {
     EXPECT_EQ(UCI_OK, uci_load(ctx_, name, &p)) << name;
     return p;
   }
-  // Loads `name` in a context of its own and prints it.
-  std::string FreshDump(const char *name) {
-    uci_context *ctx = NewContext();
-    uci_package *p = nullptr;
-    std::string out = "<load failed>";
-    if (uci_load(ctx, name, &p) == UCI_OK) out = Dump(p);
-    uci_free_context(ctx);
-    return out;
-  }
-
   TempDir dir_;
   std::string conf_ = dir_ / "config", save_ = dir_ / "save";
   uci_context *ctx_ = nullptr;

@@ -280,6 +280,14 @@ TEST_F(OpenPackage, ListEditsHandOnLibuciResults) {
   EXPECT_EQ(publicUciAddList(ctx_, "nopkg", "main", "dns", "x"), UCI_ERR_NOTFOUND);
 }
 
+TEST_F(OpenPackage, WriteBySectionNameAndDeleteASection) {
+  EXPECT_EQ(setString(ctx_, pkg_, "lan", "proto", "pppoe"), 0);
+  EXPECT_EQ(text("lan", "proto"), "pppoe");
+  EXPECT_EQ(publicUciDelSection(ctx_, pkg_, "dev", "off"), 0);
+  EXPECT_EQ(uci_lookup_section(ctx_, pkg_, "off"), nullptr);
+  EXPECT_EQ(text("main", "addr"), "1.2.3.4");
+}
+
 // ---- section-name family ---------------------------------------------------
 
 TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {

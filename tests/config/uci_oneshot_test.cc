@@ -202,7 +202,7 @@ TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
   for (size_t i = 0; i < std::size(kTypedRows); ++i)
     if (kTypedRows[i].text != nullptr)
       conf += "\toption t" + std::to_string(i) + " '" + kTypedRows[i].text + "'\n";
-  put("types", conf);
+  put("types", conf + "\toption enabled '1'\n");
 
   for (size_t i = 0; i < std::size(kTypedRows); ++i) {
     const TypedRow &row = kTypedRows[i];
@@ -218,6 +218,8 @@ TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
   EXPECT_EQ(uciGetOptionUint32(nullptr, nullptr, "v", "t0", &u), -1);
   EXPECT_EQ(uciGetOptionBoolean("types", nullptr, "v", "t0", nullptr), -1);
   EXPECT_EQ(uciGetOptionBoolean("types", nullptr, "v", nullptr, &b), -1);
+  EXPECT_EQ(uciGetOptionEnabled("types", nullptr, "v", &b), 0);
+  EXPECT_EQ(b, 1);
 }
 
 // ---- writer ------------------------------------------------------------------

@@ -206,6 +206,7 @@ TEST_F(DnsE2e, ServersAreAddedOnceAndLogged) {
   EXPECT_EQ(log.Take().size(), 1u);
   EXPECT_EQ(asyncDns_AddServer6(nullptr, "::1"), -1);
   EXPECT_EQ(asyncLookupPtr(c(), nullptr), -1);
+  EXPECT_EQ(asyncDns_destroy(nullptr), 0);
   asyncDns_cleanServer(c());
   asyncDns_cleanServer6(c());
   EXPECT_TRUE(list_empty(&c()->servers) && list_empty(&c()->servers6));

@@ -153,6 +153,12 @@ class DnsE2e : public ::testing::Test {
     uloop_done();
   }
   AsyncDnsContext *c() { return ctx_.get(); }
+  // A lookup of "aaa.bbbbbbb.ccc" at 127.0.0.1: its two queries.
+  std::vector<Query> Ask(Server &server) {
+    EXPECT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
+    EXPECT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
+    return server.Take(2);
+  }
   ContextPtr ctx_{nullptr, asyncDns_destroy};
 };
 
@@ -255,9 +261,7 @@ TEST(DnsIdentifiers, ProcessIdThenOneMorePerContext) {
 TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
   Server server;
   ASSERT_TRUE(server.ok());
-  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
-  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-  std::vector<Query> q = server.Take(2);
+  std::vector<Query> q = Ask(server);
   ASSERT_EQ(q.size(), 2u);
   const uint16_t id = ntohs(c()->id);
   ASSERT_TRUE(server.Reply(q[0], Response(id, "aaa.bbbbbbb.ccc", 1).answer(1, 300, V4("192.0.2.1")).b));
@@ -291,9 +295,7 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
 TEST_F(DnsE2e, OneDatagramPerReadEventAndTheRegistrationRenewed) {
   Server server;
   ASSERT_TRUE(server.ok());
-  ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
-  ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-  std::vector<Query> q = server.Take(2);
+  std::vector<Query> q = Ask(server);
   ASSERT_EQ(q.size(), 2u);
   for (const char *a : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     ASSERT_TRUE(server.Reply(q[0], Response(ntohs(c()->id), "aaa.bbbbbbb.ccc", 1).answer(1, 0, V4(a)).b));

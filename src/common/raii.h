@@ -31,7 +31,7 @@ class UniqueFd {
   ~UniqueFd() { reset(); }
 
   int get() const noexcept { return fd_; }
-  bool valid() const noexcept { return fd_ >= 0; }
+  bool valid() const noexcept { return fd_ != -1; }
   int release() noexcept { return std::exchange(fd_, -1); }
   void reset(int fd = -1) noexcept {
     if (fd_ >= 0) ::close(fd_);

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "diag/logmsg.h"
@@ -65,17 +66,12 @@ const char *sender_text(const struct sockaddr_storage *from, char (&text)[kSende
   } while (0)
 
 // Copies at most `FieldSize` bytes of RDATA into an address field of a
-// zeroed slot. The usual record carries exactly the field's size, which is
-// copied as one fixed-size block; a shorter one fills only its own bytes.
+// zeroed slot; a shorter RDATA fills only its own bytes.
 template <size_t FieldSize>
 void fill_address(DnsAddressEntry *slot, uint16_t family, void *field, const uint8_t *rdata,
                  uint16_t rdLength) noexcept {
   slot->family = family;
-  if (rdLength >= FieldSize) {
-    memcpy(field, rdata, FieldSize);
-  } else {
-    memcpy(field, rdata, rdLength);
-  }
+  memcpy(field, rdata, std::min<size_t>(rdLength, FieldSize));
 }
 
 // A PTR answer: the slot gets the address the question asked about (its

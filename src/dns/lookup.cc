@@ -21,7 +21,7 @@ int asyncLookup(AsyncDnsContext *context, const char *name) {
   // not read at all.
   if (context->cache != nullptr && context->callback != nullptr) {
     auto *cached = reinterpret_cast<DnsResult *>(buffer);
-    if (cache_get(context->cache, name, cached, kLookupCacheSlots) == 0 && cached->count > 0) {
+    if (cache_get(context->cache, name, cached, kLookupCacheSlots) == 0) {  // only ever with addresses
       context->callback(context, name, cached);
       return 0;
     }

@@ -18,9 +18,11 @@ namespace {
 constexpr char kFill = '#';
 constexpr int kOutCapacity = 128;
 
-// A caller's buffer, pre-filled so that "not written" can be seen.
+// A caller's buffer, pre-filled so that "not written" can be seen, behind a
+// blank that no reader may trim into.
 struct Out {
   Out() { memset(bytes, kFill, sizeof bytes); }
+  char before = ' ';
   bool untouched() const { return std::string(bytes, sizeof bytes) == std::string(sizeof bytes, kFill); }
   // The string written, if a terminator was written.
   std::string text() const { return std::string(bytes, strnlen(bytes, sizeof bytes)); }
@@ -98,6 +100,7 @@ TEST_F(FileValueTest, LineFormsAndEdges) {
     ASSERT_TRUE(WriteFile(path, c.content));
     Out out;
     EXPECT_EQ(getValueFromFile(path.c_str(), c.key.c_str(), out.bytes, c.size), c.result);
+    EXPECT_EQ(out.before, ' ');
     if (c.out)
       EXPECT_EQ(out.text(), *c.out);
     else

@@ -146,6 +146,7 @@ TEST(DnsReverseName, Table) {
       {"aaa.bbbbbbb.ccc", 15, "ccc.bbbbbbb.aaa"},
       {"4.3.2.1.in-addr.arpa", 7, "1.2.3.4"},
       {"abc", 3, "abc"},
+      {"7", 1, "7"},
       {"a..b", 4, ".b.a"},
       {".abc", 4, ".abc"},
       {"", 0, ""},

@@ -308,6 +308,13 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
             Strings{"E [checkDnsSocket:N]error protol(domain:aaa.bbbbbbb.ccc,count:0/1) from 192.0.2.7"});
   EXPECT_EQ(run(response(kQ, 1).u8(0xC0).u8(0x0C).u16(1).u16(1).u32(1).u16(9).raw({1}).b, &from6).logs,
             Strings{"E [checkDnsSocket:N]error protol(aaa.bbbbbbb.ccc,data_len:9,count:0/1) from 2001:db8::53"});
+  // No socket to read: refused before any read, and nothing logged; a failed
+  // read is logged.
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, -1), -1);
+  EXPECT_EQ(rk::dns::checkDnsSocket(nullptr, 0), -1);
+  EXPECT_EQ(log_.TakeNormalized(), Strings{});
+  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, 1023), -1);  // not open
+  EXPECT_EQ(log_.TakeNormalized(), Strings{"E [checkDnsSocket:N]error recvfrom"});
 }
 
 // ---- checkDnsSocket: one datagram from a descriptor -----------------------

@@ -43,3 +43,23 @@ else()
   add_library(rk::ubox ALIAS rk_ubox_imported)
   add_library(rk::uci ALIAS rk_uci_imported)
 endif()
+
+# Lua 5.1 and json-c come from the system, found with pkg-config, as
+# rk::lua and rk::jsonc. Libraries are named (-l) rather than given as paths,
+# so the statically linked test programs of a cross build take the archives
+# while the shared library takes the shared objects.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(RK_LUA REQUIRED lua5.1)
+pkg_check_modules(RK_JSONC REQUIRED json-c)
+foreach(_rk_dep LUA JSONC)
+  string(TOLOWER ${_rk_dep} _rk_name)
+  add_library(rk_${_rk_name} INTERFACE)
+  target_include_directories(rk_${_rk_name} INTERFACE ${RK_${_rk_dep}_INCLUDE_DIRS})
+  target_link_directories(rk_${_rk_name} INTERFACE ${RK_${_rk_dep}_LIBRARY_DIRS})
+  if(CMAKE_CROSSCOMPILING)
+    target_link_libraries(rk_${_rk_name} INTERFACE ${RK_${_rk_dep}_STATIC_LIBRARIES})
+  else()
+    target_link_libraries(rk_${_rk_name} INTERFACE ${RK_${_rk_dep}_LIBRARIES})
+  endif()
+  add_library(rk::${_rk_name} ALIAS rk_${_rk_name})
+endforeach()

@@ -1,0 +1,199 @@
+// Lua values and json-c objects appended to a blob_buf as blobmsg
+// attributes. Payloads are handed to blobmsg_add_field in wire order
+// (big-endian), since it copies bytes and swaps nothing.
+#include <routerkit/data_bridge.h>
+
+#include <endian.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <json-c/json.h>
+
+#include "bridge/bridge.h"
+#include "common/deps.h"
+
+namespace rk::bridge {
+namespace {
+
+void add_int32(blob_buf *buf, const char *name, int32_t value) {
+  uint32_t wire = htobe32(static_cast<uint32_t>(value));
+  blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &wire, sizeof wire);
+}
+
+void add_int64(blob_buf *buf, const char *name, int64_t value) {
+  uint64_t wire = htobe64(static_cast<uint64_t>(value));
+  blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &wire, sizeof wire);
+}
+
+void add_double(blob_buf *buf, const char *name, double value) {
+  uint64_t wire;
+  memcpy(&wire, &value, sizeof wire);
+  wire = htobe64(wire);
+  blobmsg_add_field(buf, BLOBMSG_TYPE_DOUBLE, name, &wire, sizeof wire);
+}
+
+void add_bool(blob_buf *buf, const char *name, bool value) {
+  uint8_t byte = value ? 1 : 0;
+  blobmsg_add_field(buf, BLOBMSG_TYPE_BOOL, name, &byte, 1);
+}
+
+void add_string(blob_buf *buf, const char *name, const char *text) {
+  blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, text,
+                    static_cast<unsigned int>(strlen(text) + 1));
+}
+
+void table_to_blob(lua_State *L, int index, VisitedTableSet **set, const char *name,
+                   blob_buf *buf) {
+  if (visited_table_check(set, lua_topointer(L, index))) return;
+  int32_t n = lua_table_array_length(L, index);
+  if (n >= 0) {
+    if (!lua_checkstack(L, 1)) return;
+    void *array = blobmsg_open_nested(buf, name, true);
+    if (!array) return;
+    for (int32_t i = 0; i < n; ++i) {
+      // Every element stands in an unnamed table of its own.
+      void *wrapper = blobmsg_open_nested(buf, nullptr, false);
+      if (!wrapper) break;  // the buffer is full
+      lua_rawgeti(L, index, i + 1);
+      lua_to_blob_value(L, -1, set, nullptr, buf);
+      lua_settop(L, -2);
+      blob_nest_end(buf, wrapper);
+    }
+    blob_nest_end(buf, array);
+    return;
+  }
+  if (!lua_checkstack(L, 3)) return;
+  // Without a name the members land at the level the writer stands on.
+  void *table = nullptr;
+  if (name) {
+    table = blobmsg_open_nested(buf, name, false);
+    if (!table) return;
+  }
+  lua_pushnil(L);
+  while (lua_next(L, index)) {
+    lua_pushvalue(L, -2);
+    const char *key = lua_tolstring(L, -1, nullptr);
+    if (key) lua_to_blob_value(L, -2, set, key, buf);
+    lua_settop(L, -3);
+  }
+  if (table) blob_nest_end(buf, table);
+}
+
+struct BlobConversion {
+  VisitedTableSet *set;
+  blob_buf *buf;
+};
+
+void to_blob_body(lua_State *L, void *ud) {
+  auto *conv = static_cast<BlobConversion *>(ud);
+  lua_to_blob_value(L, 1, &conv->set, nullptr, conv->buf);
+}
+
+void each_member(blob_buf *buf, json_object *obj) {
+  for (lh_entry *e = json_object_get_object(obj)->head; e; e = e->next)
+    json_to_blob_value(buf, static_cast<const char *>(lh_entry_k(e)),
+                       static_cast<json_object *>(lh_entry_v(e)));
+}
+
+}  // namespace
+
+int lua_to_blob_value(lua_State *L, int index, VisitedTableSet **set, const char *name,
+                      blob_buf *buf) {
+  if (index < 0) index += lua_gettop(L) + 1;
+  switch (lua_type(L, index)) {
+    case LUA_TBOOLEAN:
+      add_bool(buf, name, lua_toboolean(L, index));
+      break;
+    case LUA_TNUMBER: {
+      lua_Number n = lua_tonumber(L, index);
+      int32_t i;
+      if (lua_number_int32(L, index, n, &i))
+        add_int32(buf, name, i);
+      else
+        add_double(buf, name, n);
+      break;
+    }
+    case LUA_TSTRING:
+      add_string(buf, name, lua_tostring(L, index));
+      break;
+    case LUA_TTABLE:
+      table_to_blob(L, index, set, name, buf);
+      break;
+    default:
+      break;
+  }
+  return 0;
+}
+
+void json_to_blob_value(blob_buf *buf, const char *name, json_object *obj) {
+  switch (json_object_get_type(obj)) {
+    case json_type_boolean:
+      add_bool(buf, name, json_object_get_boolean(obj));
+      break;
+    case json_type_double:
+      add_double(buf, name, json_object_get_double(obj));
+      break;
+    case json_type_int: {
+      int64_t v = json_object_get_int64(obj);
+      if (v >= INT32_MIN && v <= INT32_MAX)
+        add_int32(buf, name, static_cast<int32_t>(v));
+      else
+        add_int64(buf, name, v);
+      break;
+    }
+    case json_type_string:
+      add_string(buf, name, json_object_get_string(obj));
+      break;
+    case json_type_object: {
+      void *table = blobmsg_open_nested(buf, name, false);
+      if (!table) break;
+      each_member(buf, obj);
+      blob_nest_end(buf, table);
+      break;
+    }
+    case json_type_array: {
+      void *array = blobmsg_open_nested(buf, name, true);
+      if (!array) break;
+      size_t n = json_object_array_length(obj);
+      for (size_t i = 0; i < n; ++i)
+        json_to_blob_value(buf, nullptr, json_object_array_get_idx(obj, i));
+      blob_nest_end(buf, array);
+      break;
+    }
+    default:  // null
+      break;
+  }
+}
+
+}  // namespace rk::bridge
+
+using namespace rk::bridge;
+
+extern "C" int lua_to_blob(lua_State *L, int index, blob_buf *buf) {
+  if (!L || !buf || !buf->head) return 0;
+  int top = lua_gettop(L);
+  if (index < 0) index += top + 1;
+  if (index <= 0 || index > top) return 0;
+  BlobConversion conv{visited_table_create(), buf};
+  if (!conv.set) return 0;
+  // After a Lua error the buffer goes back to where it stood: the level the
+  // writer started on, with its length as it was. The head is kept as an
+  // offset, since the buffer may move while it grows.
+  size_t head_at = reinterpret_cast<char *>(buf->head) - static_cast<char *>(buf->buf);
+  uint32_t head_word;
+  memcpy(&head_word, buf->head, sizeof head_word);
+  if (run_protected(L, index, to_blob_body, &conv, 0) == 0) {
+    buf->head = reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + head_at);
+    memcpy(buf->head, &head_word, sizeof head_word);
+  }
+  free(conv.set);
+  return 0;
+}
+
+extern "C" void json_to_blob(blob_buf *buf, json_object *obj) {
+  if (!buf || !obj) return;
+  if (json_object_get_type(obj) == json_type_object)
+    each_member(buf, obj);
+  else
+    json_to_blob_value(buf, nullptr, obj);
+}

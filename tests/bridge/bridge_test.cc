@@ -1,0 +1,358 @@
+// The data bridges: Lua values out to JSON and blobmsg, JSON out to blobmsg,
+// and blobmsg and JSON back into Lua. Each row is a Lua expression or a JSON
+// text, and what the daemon on the other side sees.
+#include <math.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <json-c/json.h>
+#include <lua.hpp>
+
+#include "bridge/bridge.h"
+#include "common/deps.h"
+#include "rk_test.h"
+
+#include <routerkit/data_bridge.h>
+
+namespace {
+
+using rk::test::Hex;
+using rk::test::ToHex;
+
+// A Lua state whose allocator can be made to fail after a number of calls.
+struct Lua {
+  long allow = -1;  // allocations left before failing; -1: no limit
+  lua_State *L = lua_newstate(alloc, this);
+  Lua() { luaL_openlibs(L); }
+  ~Lua() { lua_close(L); }
+  static void *alloc(void *ud, void *ptr, size_t, size_t nsize) {
+    auto *self = static_cast<Lua *>(ud);
+    if (nsize == 0) return free(ptr), nullptr;
+    if (self->allow == 0) return nullptr;
+    if (self->allow > 0) self->allow--;
+    return realloc(ptr, nsize);
+  }
+  // Pushes the value of a Lua expression.
+  void eval(const std::string &expr) {
+    std::string chunk = "local t = {} return " + expr;
+    ASSERT_EQ(0, luaL_loadstring(L, chunk.c_str())) << lua_tostring(L, -1);
+    ASSERT_EQ(0, lua_pcall(L, 0, 1, 0)) << lua_tostring(L, -1);
+  }
+  // The top value as text, table keys sorted; pops it.
+  std::string dump() {
+    luaL_dostring(L,
+                  "local function d(v) if type(v) ~= 'table' then return tostring(v) end "
+                  "local k = {} for key in pairs(v) do k[#k + 1] = key end "
+                  "table.sort(k, function(a, b) return tostring(a) < tostring(b) end) "
+                  "for i, key in ipairs(k) do k[i] = tostring(key) .. '=' .. d(v[key]) end "
+                  "return '{' .. table.concat(k, ',') .. '}' end return d");
+    lua_insert(L, -2);
+    lua_call(L, 1, 1);
+    std::string s = lua_tostring(L, -1);
+    lua_pop(L, 1);
+    return s;
+  }
+};
+
+std::string json_text(json_object *obj) {
+  std::string s = obj ? json_object_to_json_string_ext(obj, JSON_C_TO_STRING_PLAIN) : "NULL";
+  json_object_put(obj);
+  return s;
+}
+
+// Attributes as text: [..] an array, {..} a table, "name:" before a named
+// one; 7 an INT32, 7L an INT64, 0.5d a DOUBLE, "s" a STRING, true a BOOL.
+std::string show(const blob_attr *first, size_t len) {
+  std::string out;
+  const blob_attr *a;
+  size_t rem = len;
+  __blob_for_each_attr(a, const_cast<blob_attr *>(first), rem) {
+    if (!out.empty()) out += ",";
+    if (*blobmsg_name(a)) out += std::string(blobmsg_name(a)) + ":";
+    void *d = blobmsg_data(a);
+    char num[32];
+    switch (blobmsg_type(a)) {
+      case BLOBMSG_TYPE_ARRAY: out += "[" + show((blob_attr *)d, blobmsg_data_len(a)) + "]"; break;
+      case BLOBMSG_TYPE_TABLE: out += "{" + show((blob_attr *)d, blobmsg_data_len(a)) + "}"; break;
+      case BLOBMSG_TYPE_STRING: out += "\"" + std::string((char *)d) + "\""; break;
+      case BLOBMSG_TYPE_INT64: out += std::to_string((int64_t)blobmsg_get_u64(a)) + "L"; break;
+      case BLOBMSG_TYPE_INT32: out += std::to_string((int32_t)blobmsg_get_u32(a)); break;
+      case BLOBMSG_TYPE_BOOL: out += blobmsg_get_bool(a) ? "true" : "false"; break;
+      case BLOBMSG_TYPE_DOUBLE: snprintf(num, sizeof num, "%gd", blobmsg_get_double(a)); out += num; break;
+    }
+  }
+  return out;
+}
+
+struct Buf {
+  blob_buf b{};
+  Buf() { blob_buf_init(&b, 0); }
+  ~Buf() { blob_buf_free(&b); }
+  std::string text() const { return show((blob_attr *)blob_data(b.head), blob_len(b.head)); }
+  std::string hex() const { return ToHex(blob_data(b.head), blob_len(b.head)); }
+};
+
+struct Row {
+  const char *in;
+  const char *json;  // lua_to_json, or blob_to_json of the attribute
+  const char *blob;  // lua_to_blob, or json_to_blob
+};
+
+TEST(Bridge, LuaValuesOut) {
+  const Row rows[] = {
+      {"{}", "[]", "[]"},
+      {"{1, 2, 3}", "[1,2,3]", "[{1},{2},{3}]"},
+      {"{[3] = true}", "[null,null,true]", "[{},{},{true}]"},
+      {"{10, nil, 30}", "[10,null,30]", "[{10},{},{30}]"},
+      {"{[2147483648] = 1}", "{\"2147483648\":1}", "2147483648:1"},
+      {"{[1.5] = 'x'}", "{\"1.5\":\"x\"}", "1.5:\"x\""},
+      {"{[0] = 1}", "{\"0\":1}", "0:1"},
+      {"{[-1] = 1}", "{\"-1\":1}", "-1:1"},
+      {"{['1'] = 1}", "{\"1\":1}", "1:1"},
+      {"{1, 2, x = 3}", "{\"1\":1,\"2\":2,\"x\":3}", "1:1,2:2,x:3"},
+      {"{[true] = 1}", "{}", ""},
+      {"{x = {}}", "{\"x\":[]}", "x:[]"},
+      {"{y = {[true] = 1}}", "{\"y\":{}}", "y:{}"},
+      {"{{a = 1}, {{1}}}", "[{\"a\":1},[[1]]]", "[{a:1},{[{[{1}]}]}]"},
+      {"{t, t}", "[[],null]", "[{[]},{}]"},
+      {"(function() t.self = t return t end)()", "{\"self\":null}", ""},
+      {"{print, coroutine.create(function() end), io.stdout}", "[null,null,null]", "[{},{},{}]"},
+      {"nil", "NULL", ""},
+      {"print", "NULL", ""},
+      {"true", "true", "true"},
+      {"'a\\0b'", "\"a\"", "\"a\""},
+      {"3", "3", "3"},
+      {"3.0", "3", "3"},
+      {"-0.0", "0", "0"},
+      {"2147483647", "2147483647", "2147483647"},
+      {"-2147483648", "-2147483648", "-2147483648"},
+      {"2147483648", "2147483648.0", "2.14748e+09d"},
+      {"-2147483649", "-2147483649.0", "-2.14748e+09d"},
+      {"0.5", "0.5", "0.5d"},
+      {"0/0", "NaN", nullptr},
+      {"1/0", "Infinity", "infd"},
+      {"-1/0", "-Infinity", "-infd"},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.in);
+    Lua lua;
+    lua_pushinteger(lua.L, 99);  // something below, which must stay
+    lua.eval(r.in);
+    if (r.json) {
+      EXPECT_EQ(r.json, json_text(lua_to_json(lua.L, -1)));
+    }
+    Buf buf;
+    EXPECT_EQ(0, lua_to_blob(lua.L, 2, &buf.b));
+    if (r.blob) {
+      EXPECT_EQ(r.blob, buf.text());
+    }
+    EXPECT_EQ(2, lua_gettop(lua.L));
+  }
+  Lua lua;
+  lua.eval("{}");
+  lua.eval("1");
+  EXPECT_EQ("NULL", json_text(lua_to_json(lua.L, 3)));  // above the top
+  EXPECT_EQ("NULL", json_text(lua_to_json(lua.L, -3)));
+  EXPECT_EQ("1", json_text(lua_to_json(lua.L, -1)));
+  EXPECT_EQ(2, lua_gettop(lua.L));
+}
+
+TEST(Bridge, ArrayTestAndTablesMet) {
+  const std::pair<const char *, int> rows[] = {
+      {"{}", 0}, {"{[2147483647] = 1}", 2147483647}, {"{[2147483648] = 1}", -1},
+      {"{[1000] = 1, [2] = 1}", 1000}, {"{1, [1.5] = 1}", -1}, {"{x = 1}", -1},
+  };
+  Lua lua;
+  for (auto &r : rows) {
+    lua.eval(r.first);
+    EXPECT_EQ(r.second, rk::bridge::lua_table_array_length(lua.L, 1)) << r.first;
+    EXPECT_EQ(1, lua_gettop(lua.L));
+    lua_pop(lua.L, 1);
+  }
+  // 25 distinct tables make the set grow twice; none of them is lost.
+  lua.eval("(function() for i = 1, 25 do t[i] = {i} end return t end)()");
+  json_object *all = lua_to_json(lua.L, 1);
+  ASSERT_EQ(25u, json_object_array_length(all));
+  EXPECT_EQ("[25]", json_text(json_object_get(json_object_array_get_idx(all, 24))));
+  json_object_put(all);
+}
+
+TEST(Bridge, WireBytesAreBigEndian) {
+  const Row rows[] = {
+      {"{10}", nullptr, "8100001c 00000000 82000014 00000000 8500000c 00000000 0000000a"},
+      {"0.5", nullptr, "88000010 00000000 3fe00000 00000000"},
+      {"-2", nullptr, "8500000c 00000000 fffffffe"},
+      {"2147483648", "84000010 00000000 00000000 80000000", nullptr},
+      {"{\"s\": \"ab\"}", "8300000b 00017300 61620000", nullptr},
+  };
+  for (const Row &r : rows) {
+    Buf buf;
+    if (r.blob) {
+      Lua lua;
+      lua.eval(r.in);
+      lua_to_blob(lua.L, 1, &buf.b);
+    } else {
+      json_object *obj = json_tokener_parse(r.in);
+      json_to_blob(&buf.b, obj);
+      json_object_put(obj);
+    }
+    EXPECT_EQ(ToHex(Hex(r.blob ? r.blob : r.json)), buf.hex()) << r.in;
+  }
+}
+
+TEST(Bridge, JsonToBlob) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"[1, null, 3]", "[1,3]"},
+      {"{\"a\": null, \"b\": {}, \"c\": [{\"d\": 1.0}]}", "b:{},c:[{d:1d}]"},
+      {"{}", ""},
+      {"\"s\"", "\"s\""},
+      {"2147483647", "2147483647"},
+      {"-2147483648", "-2147483648"},
+      {"2147483648", "2147483648L"},
+      {"-2147483649", "-2147483649L"},
+      {"false", "false"},
+      {"null", ""},
+  };
+  for (auto &r : rows) {
+    json_object *obj = json_tokener_parse(r.first);
+    Buf buf;
+    json_to_blob(&buf.b, obj);
+    EXPECT_EQ(r.second, buf.text()) << r.first;
+    json_object_put(obj);
+  }
+  Buf buf;
+  json_to_blob(&buf.b, nullptr);
+  EXPECT_EQ("", buf.text());
+}
+
+// Attributes as they may arrive from outside, each read within its bytes.
+TEST(Bridge, BlobToJsonAndLua) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"06000006 ffff", "65535"},
+      {"05000008 ffffffff", "-1"},
+      {"07000005 02", "true"},
+      {"01000004", "[]"},
+      {"02000004", "{}"},
+      {"01000010 00000004 05000008 00000005", "[null,5]"},
+      {"0200000c 80000008 00016100", "{\"a\":null}"},
+      {"0200000c 85000008 00056100", "{\"a\":null}"},  // name longer than its header
+      {"0200000c 85000008 00026162", "{}"},            // name without its end
+      {"01000008 05000010", "[]"},                     // a child longer than its parent
+      {"01000008 05000000", "[]"},                     // a child without a length
+      {"05000006 0001", "NULL"},                       // too short a payload
+      {"03000006 6162", "\"ab\""},                     // a string without its NUL
+      {"09000004", "NULL"},
+      {"85000004", "NULL"},
+      {"00000000", "NULL"},
+  };
+  for (auto &r : rows) {
+    std::vector<uint8_t> bytes = Hex(r.first);
+    EXPECT_EQ(r.second, json_text(blob_to_json((blob_attr *)bytes.data()))) << r.first;
+  }
+  EXPECT_EQ("NULL", json_text(blob_to_json(nullptr)));
+  // Nesting stops at the depth limit: 600 arrays in one another.
+  std::vector<uint8_t> deep(600 * 4);
+  for (size_t i = 0; i < 600; ++i) {
+    uint32_t w = htobe32(0x01000000u | uint32_t((600 - i) * 4));
+    memcpy(&deep[i * 4], &w, 4);
+  }
+  std::string text = json_text(blob_to_json((blob_attr *)deep.data()));
+  EXPECT_EQ(size_t(RK_BLOB_MAX_DEPTH), std::count(text.begin(), text.end(), '['));
+
+  // A run of attributes to one Lua table, as the writers leave them.
+  Lua lua;
+  lua.eval("{a = 1, b = {2}, c = {x = {true}}, d = {}}");
+  Buf buf;
+  lua_to_blob(lua.L, 1, &buf.b);
+  auto *run = (blob_attr *)blob_data(buf.b.head);
+  const std::pair<uint32_t, const char *> runs[] = {
+      {uint32_t(blob_len(buf.b.head)), "{a=1,b={1={=2}},c={x={1={=true}}},d={}}"},
+      {0, "nil"}, {1, "{}"}, {3, "{}"}, {4, "{}"},
+  };
+  for (auto &r : runs) {
+    EXPECT_EQ(0, blob_to_lua(lua.L, run, r.first));
+    EXPECT_EQ(r.second, lua.dump()) << r.first;
+  }
+  EXPECT_EQ(-1, blob_to_lua(nullptr, run, 4));
+  EXPECT_EQ(0, blob_to_lua(lua.L, nullptr, 4));
+  EXPECT_EQ("nil", lua.dump());
+  EXPECT_EQ(1, lua_gettop(lua.L));
+}
+
+TEST(Bridge, JsonToLua) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"[1, null, 3]", "{1=1,3=3}"},
+      {"{\"a\": null, \"b\": [true, \"s\"], \"c\": {}}", "{b={1=true,2=s},c={}}"},
+      {"2147483648", "2147483648"},
+      {"-2147483648", "-2147483648"},
+      {"0.25", "0.25"},
+      {"null", "nil"},
+  };
+  Lua lua;
+  for (auto &r : rows) {
+    json_object *obj = json_tokener_parse(r.first);
+    json_to_lua(lua.L, obj);
+    EXPECT_EQ(obj != nullptr, json_object_put(obj)) << "the caller's reference stays";
+    EXPECT_EQ(r.second, lua.dump()) << r.first;
+  }
+  json_to_lua(lua.L, nullptr);
+  EXPECT_EQ("nil", lua.dump());
+  EXPECT_EQ(0, lua_gettop(lua.L));
+}
+
+// Deeper than the Lua stack, or out of memory halfway: never a Lua error,
+// a leak or an unbalanced stack.
+TEST(Bridge, LimitsAndFailures) {
+  Lua lua;
+  lua.eval("(function() local c = t for i = 1, 20000 do c[1] = {} c = c[1] end return t end)()");
+  json_object *deep = lua_to_json(lua.L, 1);
+  int levels = 0;
+  for (json_object *j = deep; j; j = json_object_array_get_idx(j, 0)) levels++;
+  EXPECT_GT(levels, 1000);
+  EXPECT_LT(levels, 20000);
+  Buf buf;
+  lua_to_blob(lua.L, 1, &buf.b);
+  json_object *back = blob_to_json((blob_attr *)blob_data(buf.b.head));  // read depth-limited
+  EXPECT_NE(nullptr, back);
+  json_object_put(back);
+  json_to_lua(lua.L, deep);
+  EXPECT_EQ(2, lua_gettop(lua.L));
+  json_object_put(deep);
+
+  // Out of memory at each point in turn: either the whole value or nothing.
+  Lua oom;
+  oom.eval("(function() for i = 1, 50 do t[i + 0.5] = {i} end return t end)()");
+  json_object *doc = json_tokener_parse("[[1], [2], {\"a\": [4, 5, {\"b\": 6}]}]");
+  std::string full_json = json_text(lua_to_json(oom.L, 1)), full_blob;
+  {
+    Buf b;
+    lua_to_blob(oom.L, 1, &b.b);
+    full_blob = b.text();
+  }
+  int nil = 0;
+  for (long allow = 0; allow < 70; allow += 7) {
+    SCOPED_TRACE(allow);
+    auto limit = [&] { lua_gc(oom.L, LUA_GCCOLLECT, 0), oom.allow = allow; };
+    limit();
+    std::string j = json_text(lua_to_json(oom.L, 1));
+    EXPECT_TRUE(j == "NULL" || j == full_json);
+    Buf out;
+    limit();
+    lua_to_blob(oom.L, 1, &out.b);
+    std::string b = out.text();
+    EXPECT_TRUE(b.empty() || b == full_blob) << b;
+    limit();
+    json_to_lua(oom.L, doc);
+    oom.allow = -1;
+    EXPECT_EQ(2, lua_gettop(oom.L));
+    nil += lua_isnil(oom.L, -1);
+    lua_pop(oom.L, 1);
+  }
+  EXPECT_GT(nil, 0);
+  json_object_put(doc);
+}
+
+}  // namespace

@@ -35,3 +35,26 @@ function(rk_add_gtest name)
                        TEST_PREFIX "${name}."
                        PROPERTIES ${props})
 endfunction()
+
+# rk_add_fuzz_replay(<name> ENTRY <file> CORPUS <dir> [NAMESPACE])
+#
+# Replays a checked-in fuzz corpus through the fuzzer's own entry point as an
+# ordinary test, in every build (the libFuzzer targets need clang and
+# ROUTERKIT_BUILD_FUZZ; see tests/fuzz).
+function(rk_add_fuzz_replay name)
+  cmake_parse_arguments(F "NAMESPACE" "ENTRY;CORPUS" "" ${ARGN})
+  add_executable(${name} ${F_ENTRY} ${PROJECT_SOURCE_DIR}/tests/fuzz/replay_main.cc)
+  target_link_libraries(${name} PRIVATE routerkit_obj rk_testsupport)
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    target_link_options(${name} PRIVATE -static)
+  endif()
+  set(cmd ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}> ${F_CORPUS})
+  if(F_NAMESPACE)
+    set(cmd ${RK_NS_RUN} --keep ${PROJECT_BINARY_DIR} --keep ${PROJECT_SOURCE_DIR} ${cmd})
+  endif()
+  add_test(NAME ${name} COMMAND ${cmd})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  if(F_NAMESPACE)
+    set_tests_properties(${name} PROPERTIES LABELS namespace)
+  endif()
+endfunction()

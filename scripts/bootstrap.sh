@@ -128,8 +128,8 @@ case "$mode" in
       echo "== fuzzing (bounded)"
       CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DROUTERKIT_BUILD_FUZZ=ON -DROUTERKIT_BUILD_TESTS=ON
-      cmake --build build/fuzz -j "$jobs" --target dns_datagram_fuzzer
-      if tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-60}"; then
+      cmake --build build/fuzz -j "$jobs" --target dns_datagram_fuzzer blob_reader_fuzzer json_roundtrip_fuzzer
+      if tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-40}"; then
         passed=$((passed + 1)); echo "== fuzzing: no crash, no leak"
       else
         failed=$((failed + 1)); echo "== fuzzing: FAILED"

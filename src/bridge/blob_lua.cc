@@ -158,9 +158,9 @@ void push_json(lua_State *L, json_object *obj) {
         break;
       }
       lua_createtable(L, 0, 0);
-      for (lh_entry *e = json_object_get_object(obj)->head; e; e = e->next) {
-        push_json(L, static_cast<json_object *>(lh_entry_v(e)));
-        lua_setfield(L, -2, static_cast<const char *>(lh_entry_k(e)));
+      json_object_object_foreach(obj, key, value) {
+        push_json(L, value);
+        lua_setfield(L, -2, key);
       }
       break;
     }

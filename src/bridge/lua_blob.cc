@@ -90,9 +90,7 @@ void to_blob_body(lua_State *L, void *ud) {
 }
 
 void each_member(blob_buf *buf, json_object *obj) {
-  for (lh_entry *e = json_object_get_object(obj)->head; e; e = e->next)
-    json_to_blob_value(buf, static_cast<const char *>(lh_entry_k(e)),
-                       static_cast<json_object *>(lh_entry_v(e)));
+  json_object_object_foreach(obj, key, value) json_to_blob_value(buf, key, value);
 }
 
 }  // namespace

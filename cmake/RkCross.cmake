@@ -16,3 +16,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu/cmake)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${RK_CROSS_TRIPLET}/pkgconfig:/usr/share/pkgconfig)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${RK_CROSS_QEMU} -L /usr/${RK_CROSS_TRIPLET})
+# Target libraries unpacked outside the system (scripts/bootstrap.sh does so
+# for Lua when its package cannot be installed): found there first.
+if(RK_CROSS_DEPS)
+  set(ENV{PKG_CONFIG_LIBDIR} ${RK_CROSS_DEPS}/usr/lib/${RK_CROSS_TRIPLET}/pkgconfig:$ENV{PKG_CONFIG_LIBDIR})
+endif()

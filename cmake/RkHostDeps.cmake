@@ -63,3 +63,7 @@ foreach(_rk_dep LUA JSONC)
   endif()
   add_library(rk::${_rk_name} ALIAS rk_${_rk_name})
 endforeach()
+# Lua's luaconf.h includes a header of the target's own (multiarch) directory.
+if(RK_CROSS_DEPS)
+  target_include_directories(rk_lua INTERFACE ${RK_CROSS_DEPS}/usr/include/${CMAKE_LIBRARY_ARCHITECTURE})
+endif()

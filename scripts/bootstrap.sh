@@ -20,7 +20,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 packages=(
   build-essential cmake ninja-build pkg-config git
   libgtest-dev libgmock-dev libbenchmark-dev
-  liblua5.1-0-dev libjson-c-dev libc-ares-dev
+  liblua5.1-0-dev libjson-c-dev libc-ares-dev lua-cjson
   clang libclang-rt-14-dev gcovr valgrind
   dnsmasq-base iproute2 util-linux procps
 )
@@ -56,13 +56,34 @@ install_packages() { # extra packages...
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
+# Lua 5.1 for a cross target. Its -dev package cannot always be installed
+# beside the host's (a mirror in the middle of a sync can carry another
+# linux-libc-dev for the target than for the host); then Debian's packages
+# are downloaded and unpacked, not installed, into build/<arch>-deps, and the
+# build is pointed there. Prints the extra CMake argument, if any.
+cross_lua() { # arch
+  local arch=$1 dest=$root/build/$1-deps sudo= triplet
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  dpkg-query -W -f='${Status}' "liblua5.1-0-dev:$arch" 2>/dev/null | grep -q "install ok installed" && return 0
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends \
+    "liblua5.1-0-dev:$arch" >&2 && return 0
+  echo "== liblua5.1-0-dev:$arch cannot be installed here; unpacking it into $dest" >&2
+  triplet=$(dpkg-architecture -a "$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+  rm -rf "$dest" && mkdir -p "$dest/debs"
+  (cd "$dest/debs" && apt-get download "liblua5.1-0-dev:$arch" "liblua5.1-0:$arch") >&2
+  for deb in "$dest"/debs/*.deb; do dpkg-deb -x "$deb" "$dest"; done
+  sed -i "s|^prefix=.*|prefix=$dest/usr|" "$dest/usr/lib/$triplet/pkgconfig/lua5.1.pc"
+  echo "-DRK_CROSS_DEPS=$dest"
+}
+
 # Cross-builds the suite for one target and runs it under qemu-user, in the
 # same namespace harness; cases the emulator cannot run skip with a reason.
 run_cross() { # arch
-  local arch=$1 dir=build/$1 t0
+  local arch=$1 dir=build/$1 t0 lua
+  lua=$(cross_lua "$arch")
   t0=$(date +%s)
   configure_build "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$arch.cmake" \
-    -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON
+    -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON $lua
   echo "== $arch: built in $(( $(date +%s) - t0 )) s"
   t0=$(date +%s)
   run_ctest "$dir" "$arch (qemu-user)"

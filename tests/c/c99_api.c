@@ -74,5 +74,8 @@ int main(void) {
   uloop_done();
 
   check(GetTickCount() >= t0, "GetTickCount");
+  /* data_bridge */
+  check(blob_to_lua(NULL, NULL, 0) == -1 && blob_to_json(NULL) == NULL, "blob_to_lua");
+
   return failures ? 1 : 0;
 }

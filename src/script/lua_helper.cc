@@ -1,0 +1,222 @@
+// The script host: one Lua state per helper, native function tables as
+// global userdata objects, and calls into the script by dotted name.
+//
+// Lua errors are longjmps here: no object with a destructor lives in a
+// function that calls into Lua. What the library does itself on the state
+// (registering, looking a path up, converting the argument) runs protected,
+// so that an error raised there ends as a result code, never as a jump
+// through the daemon.
+#include <routerkit/lua_helper.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <json-c/json.h>
+
+#include <routerkit/data_bridge.h>
+
+#include "bridge/bridge.h"
+#include "diag/logmsg.h"
+
+namespace {
+
+using rk::bridge::run_protected;
+
+constexpr char kNoName[] = "incorrect argument type to avg[0]";
+
+[[noreturn]] void raise(lua_State *L, const char *text) {
+  lua_pushstring(L, text);
+  lua_error(L);
+  abort();  // lua_error does not return
+}
+
+int luaHelperGc(lua_State *L);
+
+// An object of ours has our collector in its metatable; anything else (a
+// file handle, another library's object) is not read as rows.
+bool is_helper_object(lua_State *L) {
+  if (lua_type(L, 1) != LUA_TUSERDATA || !lua_getmetatable(L, 1)) return false;
+  lua_pushliteral(L, "__gc");
+  lua_rawget(L, -2);
+  bool ours = lua_tocfunction(L, -1) == luaHelperGc;
+  lua_pop(L, 2);
+  return ours;
+}
+
+LuaHelperFunction *luaHelperCheckSelf(lua_State *L) {
+  if (lua_gettop(L) < 1) raise(L, "incorrect argument to avg");
+  if (!lua_isuserdata(L, 1)) raise(L, "incorrect argument to avg[0]");
+  auto *rows = static_cast<LuaHelperFunction *>(lua_touserdata(L, 1));
+  if (!rows || !is_helper_object(L)) raise(L, kNoName);
+  return rows;
+}
+
+LuaHelperFunction *luaHelperFindFunction(lua_State *L, const char *name) {
+  if (!name) return nullptr;
+  for (LuaHelperFunction *row = luaHelperCheckSelf(L); row->name; ++row)
+    if (strcmp(row->name, name) == 0) return row;
+  return nullptr;
+}
+
+int luaHelperGc(lua_State *L) {
+  for (LuaHelperFunction *row = luaHelperCheckSelf(L); row->name; ++row) {
+    free(const_cast<char *>(row->name));
+    row->name = nullptr;
+  }
+  return 0;
+}
+
+int luaHelperInvoke(lua_State *L) {
+  lua_Debug ar;
+  memset(&ar, 0, sizeof ar);
+  if (!lua_getstack(L, 0, &ar) || !lua_getinfo(L, "n", &ar) || !ar.name) raise(L, kNoName);
+  LuaHelperFunction *row = luaHelperFindFunction(L, ar.name);
+  if (!row) raise(L, kNoName);
+  // Both conversions keep their own Lua errors inside, so nothing below can
+  // jump over the releases.
+  json_object *request = lua_gettop(L) > 1 ? lua_to_json(L, 2) : nullptr;
+  json_object *response = json_object_new_object();
+  row->callback(request, response);
+  json_to_lua(L, response);
+  json_object_put(request);
+  json_object_put(response);
+  return 1;
+}
+
+int luaHelperIndex(lua_State *L) {
+  if (lua_gettop(L) < 2) return 0;
+  if (!luaHelperFindFunction(L, lua_tolstring(L, 2, nullptr))) raise(L, kNoName);
+  lua_pushcclosure(L, luaHelperInvoke, 0);
+  return 1;
+}
+
+struct Registration {
+  const char *name;
+  const LuaHelperFunction *functions;
+  const char *failed;  // the row whose name could not be copied
+};
+
+void register_body(lua_State *L, void *ud) {
+  auto *job = static_cast<Registration *>(ud);
+  size_t count = 0;
+  while (job->functions[count].name) count++;
+  size_t size = (count + 1) * sizeof(LuaHelperFunction);
+  auto *rows = static_cast<LuaHelperFunction *>(lua_newuserdata(L, size));
+  // Zeroed before the metatable is attached: from then on a walk over the
+  // rows always ends.
+  memset(rows, 0, size);
+  char meta[256];
+  snprintf(meta, sizeof meta, "%sMeta", job->name);
+  luaL_newmetatable(L, meta);
+  lua_pushcclosure(L, luaHelperGc, 0);
+  lua_setfield(L, -2, "__gc");
+  lua_pushcclosure(L, luaHelperIndex, 0);
+  lua_setfield(L, -2, "__index");
+  lua_setmetatable(L, -2);
+  for (size_t i = 0; i < count; ++i) {
+    rows[i].name = strdup(job->functions[i].name);
+    if (!rows[i].name) {
+      job->failed = job->functions[i].name;
+      break;
+    }
+    rows[i].callback = job->functions[i].callback;
+  }
+  lua_setfield(L, LUA_GLOBALSINDEX, job->name);
+}
+
+struct Call {
+  const char *path;
+  json_object *arg;
+  bool called;
+};
+
+// Pushes field `key` of the value on top, or of the globals when the stack
+// is empty; false when the stack has no room for it.
+bool look_up(lua_State *L, const char *key) {
+  if (!lua_checkstack(L, 1)) return false;
+  lua_getfield(L, lua_gettop(L) > 0 ? -1 : LUA_GLOBALSINDEX, key);
+  return true;
+}
+
+// Runs protected. A copy of the caller's top value, if the stack held one,
+// is this frame's first value: the first segment is read from it then, as
+// from the top of the caller's stack.
+void call_body(lua_State *L, void *ud) {
+  auto *job = static_cast<Call *>(ud);
+  char segment[64];
+  size_t len = 0;
+  for (const char *p = job->path; *p; ++p) {
+    if (*p == '.') {
+      segment[len] = '\0';
+      if (!look_up(L, segment) || lua_type(L, -1) != LUA_TTABLE) return;
+      len = 0;
+    } else if (len == sizeof segment - 1) {
+      break;  // the segment is full: it is the last one, the rest is ignored
+    } else {
+      segment[len++] = *p;
+    }
+  }
+  segment[len] = '\0';
+  if (!look_up(L, segment) || lua_type(L, -1) != LUA_TFUNCTION || !lua_checkstack(L, 1)) return;
+  if (job->arg)
+    json_to_lua(L, job->arg);
+  else
+    lua_pushnil(L);
+  job->called = true;
+  lua_pcall(L, 1, 0, 0);  // a script error stays with the script
+}
+
+int open_libs(lua_State *L) {
+  luaL_openlibs(L);
+  return 0;
+}
+
+}  // namespace
+
+extern "C" LuaHelper *CreateLuaHelper(const char *path) {
+  auto *helper = static_cast<LuaHelper *>(calloc(1, sizeof(LuaHelper)));
+  if (!helper) return nullptr;
+  helper->state = luaL_newstate();
+  if (!helper->state || lua_cpcall(helper->state, open_libs, nullptr) != 0) {
+    luaHelperDestroy(helper);
+    return nullptr;
+  }
+  if (luaL_loadfile(helper->state, path) != 0) {
+    RK_LOG_ERROR("error load %s", path);
+    luaHelperDestroy(helper);
+    return nullptr;
+  }
+  if (lua_pcall(helper->state, 0, 0, 0) != 0) {
+    RK_LOG_ERROR("error call %s", path);
+    luaHelperDestroy(helper);
+    return nullptr;
+  }
+  return helper;
+}
+
+extern "C" void luaHelperDestroy(LuaHelper *helper) {
+  if (!helper) return;
+  if (helper->state) lua_close(helper->state);
+  free(helper);
+}
+
+extern "C" int luaHelperRegister(LuaHelper *helper, const char *name,
+                                 const LuaHelperFunction *functions) {
+  if (!helper || !helper->state || !name || !functions) return -1;
+  Registration job{name, functions, nullptr};
+  if (run_protected(helper->state, 0, register_body, &job, 0) != 1) return -1;
+  if (job.failed) RK_LOG_ERROR("error strdup(%s)", job.failed);
+  return 0;
+}
+
+extern "C" int luaHelperCall(LuaHelper *helper, const char *path, json_object *arg) {
+  if (!helper || !helper->state || !path) return -1;
+  lua_State *L = helper->state;
+  Call job{path, arg, false};
+  run_protected(L, lua_gettop(L), call_body, &job, 0);
+  lua_settop(L, 0);
+  if (job.called) return 0;
+  RK_LOG_ERROR("Lua handler provides no %s() callback.", path);
+  return -1;
+}

@@ -5,8 +5,8 @@
 //   - JSON text to a Lua table: json_tokener_parse + json_to_lua against
 //     cjson.decode;
 //   - json_to_blob and blob_to_json against json-c's own serialise and parse
-//     of the same document (the real libubox's blobmsg_add_object and
-//     blobmsg_format_json are not packaged for this host).
+//     of the same document, and, when built against the real libubox, against
+//     its blobmsg_add_object and blobmsg_format_json + json_tokener_parse.
 #include <routerkit/data_bridge.h>
 
 #include <string>
@@ -16,6 +16,11 @@
 #include <lua.hpp>
 
 #include "common/deps.h"
+#ifdef RK_HAVE_BLOBMSG_JSON
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+#endif
 
 namespace {
 
@@ -159,6 +164,43 @@ void BM_JsoncParse(benchmark::State &state) {
   for (auto _ : state) json_object_put(json_tokener_parse(text.c_str()));
   label(state);
 }
+
+#ifdef RK_HAVE_BLOBMSG_JSON
+void BM_UboxAddObject(benchmark::State &state) {
+  json_object *obj = json_tokener_parse(doc(static_cast<int>(state.range(0))).c_str());
+  blob_buf buf{};
+  for (auto _ : state) {
+    blob_buf_init(&buf, 0);
+    if (json_object_get_type(obj) == json_type_object)
+      blobmsg_add_object(&buf, obj);
+    else
+      blobmsg_add_json_element(&buf, "", obj);
+  }
+  blob_buf_free(&buf);
+  json_object_put(obj);
+  label(state);
+}
+
+void BM_UboxFormatAndParse(benchmark::State &state) {
+  json_object *obj = json_tokener_parse(doc(static_cast<int>(state.range(0))).c_str());
+  blob_buf buf{};
+  blob_buf_init(&buf, 0);
+  void *table = blobmsg_open_table(&buf, "doc");
+  json_to_blob(&buf, obj);
+  blobmsg_close_table(&buf, table);
+  auto *attr = static_cast<blob_attr *>(blob_data(buf.head));
+  for (auto _ : state) {
+    char *text = blobmsg_format_json(attr, true);
+    json_object_put(json_tokener_parse(text));
+    free(text);
+  }
+  blob_buf_free(&buf);
+  json_object_put(obj);
+  label(state);
+}
+BENCHMARK(BM_UboxAddObject)->DenseRange(0, 2);
+BENCHMARK(BM_UboxFormatAndParse)->DenseRange(0, 2);
+#endif
 
 }  // namespace
 

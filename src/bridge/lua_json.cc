@@ -116,17 +116,17 @@ int install_entry(lua_State *L) {
 }
 
 bool push_entry(lua_State *L) {
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    lua_pushlightuserdata(L, &entry_key);
-    lua_rawget(L, LUA_REGISTRYINDEX);
-    if (lua_tocfunction(L, -1) == protected_entry) return true;
+  lua_pushlightuserdata(L, &entry_key);
+  lua_rawget(L, LUA_REGISTRYINDEX);
+  if (lua_tocfunction(L, -1) == protected_entry) return true;
+  lua_settop(L, -2);
+  if (lua_cpcall(L, install_entry, nullptr) != 0) {
     lua_settop(L, -2);
-    if (attempt == 0 && lua_cpcall(L, install_entry, nullptr) != 0) {
-      lua_settop(L, -2);
-      return false;
-    }
+    return false;
   }
-  return false;
+  lua_pushlightuserdata(L, &entry_key);
+  lua_rawget(L, LUA_REGISTRYINDEX);
+  return true;
 }
 
 }  // namespace

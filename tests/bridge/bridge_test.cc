@@ -318,13 +318,24 @@ TEST(Bridge, LimitsAndFailures) {
   json_object *back = blob_to_json((blob_attr *)blob_data(buf.b.head));  // read depth-limited
   EXPECT_NE(nullptr, back);
   json_object_put(back);
-  json_to_lua(lua.L, deep);
-  EXPECT_EQ(2, lua_gettop(lua.L));
   json_object_put(deep);
+  // Deeper than the Lua stack the other way: arrays and objects in turn.
+  json_object *nest = json_object_new_int(1);
+  for (int i = 0; i < 10000; ++i) {
+    json_object *outer = i % 2 ? json_object_new_array() : json_object_new_object();
+    i % 2 ? json_object_array_add(outer, nest) : json_object_object_add(outer, "k", nest);
+    nest = outer;
+  }
+  json_to_lua(lua.L, nest);
+  EXPECT_EQ(2, lua_gettop(lua.L));
+  json_object_put(nest);
 
   // Out of memory at each point in turn: either the whole value or nothing.
   Lua oom;
   oom.eval("(function() for i = 1, 50 do t[i + 0.5] = {i} end return t end)()");
+  oom.allow = 0;  // not even the protected entry can be made
+  EXPECT_EQ("NULL", json_text(lua_to_json(oom.L, 1)));
+  oom.allow = -1;
   json_object *doc = json_tokener_parse("[[1], [2], {\"a\": [4, 5, {\"b\": 6}]}]");
   std::string full_json = json_text(lua_to_json(oom.L, 1)), full_blob;
   {

@@ -23,6 +23,7 @@ packages=(
   liblua5.1-0-dev libjson-c-dev libc-ares-dev lua-cjson
   clang libclang-rt-14-dev gcovr valgrind
   dnsmasq-base iproute2 util-linux procps
+  iputils-ping liboping-dev
 )
 
 cross_arches=(armhf s390x)

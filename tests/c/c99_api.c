@@ -71,6 +71,8 @@ int main(void) {
     check(asyncLookup(dns, "example.lan") == 0, "asyncLookup");
     check(asyncDns_destroy(dns) == 0, "asyncDns_destroy");
   }
+  /* async_ping: both raw sockets open, and close again */
+  check(asyncPing_destroy(asyncPing_create(NULL)) == 0, "asyncPing_create");
   uloop_done();
 
   check(GetTickCount() >= t0, "GetTickCount");

@@ -1,0 +1,272 @@
+// ICMP and ICMPv6 echo on the caller's uloop. The send tick travels in the
+// echo payload, so nothing is kept per request: a reply carries everything
+// its round-trip time needs.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <type_traits>
+
+#include "common/deps.h"
+#include "diag/logmsg.h"
+#include <routerkit/async_ping.h>
+
+// The socket handlers find the context from the uloop_fd they are given.
+static_assert(offsetof(AsyncPingContext, pingSock) == 0, "the context is its IPv4 uloop_fd");
+static_assert(offsetof(AsyncPingContext, ping6Sock) == sizeof(struct uloop_fd),
+              "ping6Sock lies directly behind pingSock");
+static_assert(std::is_standard_layout_v<AsyncPingContext>, "plain C record");
+
+namespace rk {
+namespace net {
+namespace {
+
+constexpr size_t kEcho4Size = 36;          // header, tick, 20 bytes of zeros
+constexpr size_t kEcho6Size = 16;          // header, tick
+constexpr size_t kReceiveBufferSize = 1024;  // a longer reply is cut; its fields lie in front
+constexpr size_t kAddressTextSize = 46;    // INET6_ADDRSTRLEN
+constexpr int32_t kSocketReceiveBuffer = 0x20000;
+constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
+constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
+constexpr int kIcmp6FilterOption = 1;  // ICMP6_FILTER at level IPPROTO_ICMPV6
+// Offsets inside an echo message.
+constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8;
+
+// One per process: each context takes the next identifier, so contexts of
+// one process drop each other's replies (every raw socket sees every ICMP
+// message). Stepped without a lock, like the rest, on the loop's thread.
+uint32_t pingCounter = 0;
+
+// The 28 bytes recvfrom fills: either family's socket address.
+union PeerAddress {
+  struct sockaddr any;
+  struct sockaddr_in v4;
+  struct sockaddr_in6 v6;
+};
+static_assert(sizeof(PeerAddress) == 28, "a 28-byte socket address");
+
+// RFC 1071 over 16-bit words in host order; the complement, stored in host
+// order as well, puts the right bytes on the wire on either byte order. The
+// lengths used here are even.
+uint16_t pingChecksum(const uint8_t *buffer, size_t length) noexcept {
+  uint32_t sum = 0;
+  for (size_t i = 0; i + 1 < length; i += 2) {
+    uint16_t word;
+    memcpy(&word, buffer + i, sizeof word);
+    sum += word;
+  }
+  sum = (sum & 0xffff) + (sum >> 16);
+  sum = (sum & 0xffff) + (sum >> 16);
+  return static_cast<uint16_t>(~sum);
+}
+
+int createPingSock(int domain, int protocol) noexcept {
+  const int fd = socket(domain, SOCK_RAW | SOCK_CLOEXEC, protocol);
+  if (fd < 0) {
+    RK_LOG_ERROR("error create sock");
+    return -1;
+  }
+  // Room for a burst of replies while the loop is busy elsewhere.
+  const int32_t size = kSocketReceiveBuffer;
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
+    RK_LOG_ERROR("setsockopt:SO_RCVBUF");
+    close(fd);
+    return -1;
+  }
+  if (domain == AF_INET6) {
+    // A set bit blocks its type: router and neighbour discovery and
+    // redirects (133..137), which a busy link has plenty of, never reach us.
+    uint32_t filter[8] = {};
+    filter[133 / 32] = 0x3E0;
+    if (setsockopt(fd, IPPROTO_ICMPV6, kIcmp6FilterOption, filter, sizeof filter) != 0)
+      RK_LOG_ERROR("setsockopt:ICMP6_FILTER");  // works without it, reads more
+  }
+  return fd;
+}
+
+// Builds an echo request of `length` bytes in `packet` (zeroed by the
+// caller) and sends it. The sequence counter is shared by both families.
+int send_echo(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, size_t length,
+              const struct sockaddr *address, socklen_t addressLength) noexcept {
+  packet[0] = type;
+  memcpy(packet + kIdAt, &context->id, sizeof context->id);
+  const uint16_t seq = htons(context->seq++);
+  memcpy(packet + kSeqAt, &seq, sizeof seq);
+  const uint64_t tick = GetTickCount();
+  memcpy(packet + kTickAt, &tick, sizeof tick);
+  const uint16_t sum = pingChecksum(packet, length);
+  memcpy(packet + kChecksumAt, &sum, sizeof sum);
+  return static_cast<int>(sendto(fd, packet, length, 0, address, addressLength));
+}
+
+int sendPing4(AsyncPingContext *context, const struct sockaddr *address) noexcept {
+  if (context == nullptr || context->pingSock.fd < 0 || address == nullptr) return -1;
+  uint8_t packet[kEcho4Size] = {};
+  return send_echo(context, context->pingSock.fd, kEchoRequest4, packet, sizeof packet, address,
+                   sizeof(struct sockaddr_in));
+}
+
+int sendPing6(AsyncPingContext *context, const struct sockaddr *address) noexcept {
+  if (context == nullptr || context->ping6Sock.fd < 0 || address == nullptr) return -1;
+  // The kernel puts the ICMPv6 checksum (with its pseudo-header) in itself.
+  uint8_t packet[kEcho6Size] = {};
+  return send_echo(context, context->ping6Sock.fd, kEchoRequest6, packet, sizeof packet, address,
+                   sizeof(struct sockaddr_in6));
+}
+
+// Reads one datagram and hands an echo reply with this context's identifier
+// to the callback. Nothing else of a reply is looked at. 0 after the
+// callback's turn, else -1.
+int checkSocket(AsyncPingContext *context, int fd) noexcept {
+  if (context == nullptr || fd < 0) return -1;
+  // Zeroed: the fields of a datagram shorter than them read as zeros.
+  uint8_t buffer[kReceiveBufferSize] = {};
+  PeerAddress from = {};
+  socklen_t fromLength = sizeof from;
+  if (recvfrom(fd, buffer, sizeof buffer, 0, &from.any, &fromLength) <= 0) return -1;
+  const uint64_t now = GetTickCount();
+
+  char text[kAddressTextSize] = {};
+  const uint8_t *icmp = buffer;
+  if (from.any.sa_family == AF_INET6) {
+    if (icmp[0] != kEchoReply6 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
+    if (inet_ntop(AF_INET6, &from.v6.sin6_addr, text, sizeof text) == nullptr) {
+      RK_LOG_ERROR("inet_ntop6");
+      return -1;
+    }
+  } else {
+    // A raw IPv4 socket reads the IP header too; at most 60 bytes, so the
+    // fields behind it stay inside the buffer.
+    icmp = buffer + (buffer[0] & 0x0f) * 4;
+    if (icmp[0] != kEchoReply4 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
+    if (inet_ntop(AF_INET, &from.v4.sin_addr, text, sizeof text) == nullptr) {
+      RK_LOG_ERROR("inet_ntop");
+      return -1;
+    }
+  }
+  uint64_t sent;
+  memcpy(&sent, icmp + kTickAt, sizeof sent);
+  if (context->callback != nullptr) context->callback(context, text, static_cast<uint32_t>(now - sent));
+  return 0;
+}
+
+// Both handlers: an error or eof loses the socket for good (eof leaves it
+// registered until destroy), a read event takes exactly one datagram and
+// registers the socket again; further datagrams raise further events.
+void on_ping_sock(AsyncPingContext *context, struct uloop_fd *u, unsigned int events) noexcept {
+  if (u->error) {
+    uloop_fd_delete(u);
+    close(u->fd);
+    u->fd = -1;
+  } else if (u->eof) {
+    close(u->fd);
+    u->fd = -1;
+  } else if ((events & ULOOP_READ) != 0) {
+    checkSocket(context, u->fd);
+    uloop_fd_add(u, ULOOP_READ);
+  }
+}
+
+void onPingSock4(struct uloop_fd *u, unsigned int events) {
+  if (u == nullptr) return;
+  on_ping_sock(reinterpret_cast<AsyncPingContext *>(u), u, events);  // pingSock is the first member
+}
+
+void onPingSock6(struct uloop_fd *u, unsigned int events) {
+  if (u == nullptr) return;
+  // ping6Sock lies directly behind pingSock: one uloop_fd back is the context.
+  on_ping_sock(reinterpret_cast<AsyncPingContext *>(reinterpret_cast<char *>(u) - sizeof(struct uloop_fd)), u,
+               events);
+}
+
+bool open_socket(struct uloop_fd *u, int domain, int protocol, uloop_fd_handler handler) noexcept {
+  u->fd = createPingSock(domain, protocol);
+  if (u->fd < 0) return false;
+  u->cb = handler;
+  uloop_fd_add(u, ULOOP_READ);
+  return true;
+}
+
+// Also for a lost socket: one lost to eof is still registered, and one lost
+// to an error is closed already.
+void close_socket(struct uloop_fd *u) noexcept {
+  uloop_fd_delete(u);
+  if (u->fd >= 0) close(u->fd);
+  u->fd = -1;
+}
+
+}  // namespace
+}  // namespace net
+}  // namespace rk
+
+extern "C" {
+
+AsyncPingContext *asyncPing_create(AsyncPingCallback callback) {
+  using namespace rk::net;
+  auto *context = static_cast<AsyncPingContext *>(calloc(1, sizeof(AsyncPingContext)));
+  if (context == nullptr) return nullptr;
+  context->callback = callback;
+  // The process id plus the contexts made before; the counter steps even if
+  // the sockets then fail.
+  context->id = htons(static_cast<uint16_t>(static_cast<uint32_t>(getpid()) + pingCounter++));
+  if (!open_socket(&context->pingSock, AF_INET, IPPROTO_ICMP, onPingSock4)) {
+    free(context);
+    return nullptr;
+  }
+  // Both families or none: a system without raw ICMPv6 sockets gets no client.
+  if (!open_socket(&context->ping6Sock, AF_INET6, IPPROTO_ICMPV6, onPingSock6)) {
+    close_socket(&context->pingSock);
+    free(context);
+    return nullptr;
+  }
+  return context;
+}
+
+int asyncPing_destroy(AsyncPingContext *context) {
+  if (context == nullptr) return -1;
+  rk::net::close_socket(&context->pingSock);
+  rk::net::close_socket(&context->ping6Sock);
+  free(context);
+  return 0;
+}
+
+int asyncPing4(AsyncPingContext *context, const char *address) {
+  if (context == nullptr || address == nullptr) return -1;
+  struct sockaddr_in to = {};
+  to.sin_family = AF_INET;
+  if (inet_pton(AF_INET, address, &to.sin_addr) <= 0) {
+    RK_LOG_ERROR("error ipv4(%s)", address);
+    return -1;
+  }
+  return rk::net::sendPing4(context, reinterpret_cast<const struct sockaddr *>(&to));
+}
+
+int asyncPing6(AsyncPingContext *context, const char *address) {
+  if (context == nullptr || address == nullptr) return -1;
+  // Port, flow and scope stay 0: a link-local target has no zone here.
+  struct sockaddr_in6 to = {};
+  to.sin6_family = AF_INET6;
+  if (inet_pton(AF_INET6, address, &to.sin6_addr) <= 0) {
+    RK_LOG_ERROR("error ipv6(%s)", address);
+    return -1;
+  }
+  return rk::net::sendPing6(context, reinterpret_cast<const struct sockaddr *>(&to));
+}
+
+int asyncPing(AsyncPingContext *context, const struct sockaddr *address) {
+  if (context == nullptr || address == nullptr) return -1;
+  switch (address->sa_family) {
+    case AF_INET6:
+      return rk::net::sendPing6(context, address);
+    case AF_INET:
+      return rk::net::sendPing4(context, address);
+    default:
+      RK_LOG_ERROR("error family:%d", address->sa_family);
+      return -1;
+  }
+}
+
+}  // extern "C"

@@ -1,5 +1,6 @@
 /*
- * routerkit: logging, the monotonic tick and the executable's own name.
+ * routerkit: logging, the monotonic tick, the executable's own name, shell
+ * and firewall commands, CPU usage.
  *
  * The leveled family (log_debug ... log_fatal) goes to syslog (facility
  * LOCAL0), filtered by a process-wide level: 4 at start, so fatal, error,
@@ -77,6 +78,59 @@ RK_API uint64_t GetTickCount(void);
  * the directory including its final '/', or -1.
  */
 RK_API int64_t get_executable_path(char *dir, uint64_t dirSize, char *name, uint64_t nameSize);
+
+/*
+ * Shell and firewall commands. Each call blocks the calling thread until the
+ * shell ends; there is no time limit. The child inherits everything: no
+ * descriptor is closed and no signal disposition changes, so descriptors
+ * without close-on-exec reach the command.
+ *
+ * LC_SystemCall formats the command (cut to 2047 characters) and runs it as
+ * "/bin/sh -c <command>". The result is the raw wait status, not the exit
+ * code: exit code 3 gives 768, a command killed by signal 9 gives 9, a shell
+ * that cannot be run gives 32512 (exit code 127). -1 for a NULL format (nothing
+ * runs), when the child cannot be made (logged) or when waiting fails for a
+ * reason other than an interrupting signal (an interrupted wait is resumed).
+ *
+ * iptables and ip6tables run "/usr/sbin/iptables -w <rule>" and
+ * "/usr/sbin/ip6tables -w <rule>", the whole command cut to 1023 characters
+ * (a rule of up to 1001 resp. 1000 characters runs whole). The formatted rule
+ * reaches the shell as it stands: a '%' in it is not read as a directive a
+ * second time. -1 for a NULL format, else as LC_SystemCall.
+ *
+ * close_all_fd closes every descriptor of the process above 2, those of
+ * other threads included. If /proc/<pid>/fd/ cannot be listed it logs and
+ * closes nothing.
+ */
+RK_API int LC_SystemCall(const char *fmt, ...) RK_PRINTF(1, 2);
+RK_API int iptables(const char *fmt, ...) RK_PRINTF(1, 2);
+RK_API int ip6tables(const char *fmt, ...) RK_PRINTF(1, 2);
+RK_API void close_all_fd(void);
+
+/*
+ * CPU usage between two samples. The record holds the counters of the first
+ * line of /proc/stat as of the previous call, in clock ticks; the caller owns
+ * it and zero-fills it for a defined first sample (the first value is then
+ * the busy share since boot).
+ */
+typedef struct CpuTimes {
+  uint64_t user;
+  uint64_t nice;
+  uint64_t system;
+  uint64_t idle;
+  uint64_t iowait;
+  uint64_t irq;
+  uint64_t softirq;
+} CpuTimes;
+
+/*
+ * Per mille of the time since the previous sample that was not idle (iowait
+ * counts as busy), truncated: normally 0 to 1000. Stores the new counters in
+ * `times`, which must not be NULL. 0 when no tick passed, and 0 with `times`
+ * unchanged when /proc/stat cannot be opened. One record belongs to one
+ * thread at a time.
+ */
+RK_API uint16_t getCPUUsageValue(CpuTimes *times);
 
 #ifdef __cplusplus
 }

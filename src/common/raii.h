@@ -2,6 +2,7 @@
 // function releases what it acquired.
 #pragma once
 
+#include <dirent.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -15,6 +16,11 @@ struct FileCloser {
   void operator()(FILE *f) const noexcept { fclose(f); }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+struct DirCloser {
+  void operator()(DIR *d) const noexcept { closedir(d); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 // A descriptor that closes itself. Move-only; -1 means none.
 class UniqueFd {

@@ -30,11 +30,16 @@ int main(void) {
   char value[32];
   FILE *f;
   AsyncDnsContext *dns;
+  uint32_t delay = 0;
   uint64_t t0 = GetTickCount();
 
   /* log */
   check(log_setLevel(3) == 0, "log_setLevel");
   check(log_isLevelEnabled(3) == 1 && log_isLevelEnabled(4) == 0, "log_isLevelEnabled");
+  check(LC_SystemCall("exit %d", 3) == 768, "LC_SystemCall");
+
+  /* network_helper */
+  check(setInternetDelay("c99", 5) == 0 && getInternetDelay(&delay) == 0 && delay == 5, "delay record");
 
   /* config */
   f = fopen("/tmp/c99-version", "w");

@@ -117,6 +117,34 @@ RK_API int uciSetSectionOptionString(struct uci_context *ctx, struct uci_package
 RK_API int uciGetSectionOptionValue(struct uci_context *ctx, struct uci_package *package,
                                     const char *sectionName, const char *option, int *out);
 
+/* ---- Weekday masks ----------------------------------------------------
+ *
+ * A mask byte has bit 0 for Sunday up to bit 6 for Saturday (bit 7 means
+ * nothing). As text it is "Sun,Mon,Tue,Wed,Thu,Fri,Sat" for the days set.
+ * Read back, tokens are separated by commas or blanks, in any order and case,
+ * and each is decided by its first letter or two ("Mo", "monday", "TH");
+ * one-letter tokens are dropped silently, unknown ones are logged
+ * ("[getWeekValue:N]error week(<rest of the text>)") and dropped.
+ */
+
+/*
+ * The text of `mask`, cut by whole days so that a day is written only when
+ * its "Xxx," and a NUL fit: 4 times the days written (0 for none); -1 for a
+ * NULL `out` or a size of 0 or less. All seven days need a size of 29.
+ */
+RK_API int getWeekString(char *out, int size, uint8_t mask);
+/* ORs the days of `text` into *out (not cleared first): 0; -1 for NULL. */
+RK_API int getWeekFlag(const char *text, uint8_t *out);
+/* uciSetString of the mask's text (at most 33 bytes). */
+RK_API int uciSetWeek(struct uci_context *ctx, struct uci_package *package,
+                      struct uci_section *section, const char *option, uint8_t mask);
+/*
+ * uciGetString of the option (at most 33 bytes), -1 when that fails; else
+ * prints "week=<text>" on standard output and gives getWeekFlag's result.
+ */
+RK_API int uciGetWeek(struct uci_context *ctx, struct uci_section *section,
+                      const char *option, uint8_t *out);
+
 /* ---- One-shot, by package name ---------------------------------------- */
 
 /* Text of the first matching section that has the option readable (string contract). */

@@ -1,0 +1,219 @@
+// Device identity from /etc/version, /etc/factory.dat and the "system" and
+// "LocalDomain" packages, and weekday masks in text and in UCI. Every case
+// writes the fixed paths, so they run in private namespaces.
+#include <routerkit/config.h>
+#include <routerkit/uci_access.h>
+
+#include <stdio.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "uci_testutil.h"
+
+namespace rk::test {
+namespace {
+
+using Getter = int (*)(char *, int);
+
+// A source as a test sets it up: "" leaves it out entirely.
+struct Sources {
+  const char *version = "";  // /etc/version
+  const char *factory = "";  // /etc/factory.dat
+  const char *system = "";   // options of system.@system[0]
+  const char *local = "";    // options of LocalDomain.@global[0]
+};
+
+class Identity : public UciFiles {
+ protected:
+  void set(const Sources &s) {
+    std::filesystem::remove("/etc/version");
+    std::filesystem::remove("/etc/factory.dat");
+    std::filesystem::remove_all(kConfDir);
+    std::filesystem::create_directories(kConfDir);
+    if (*s.version) WriteFile("/etc/version", s.version);
+    if (*s.factory) WriteFile("/etc/factory.dat", s.factory);
+    if (*s.system) put("system", std::string("config system\n") + s.system);
+    if (*s.local) put("LocalDomain", std::string("config global\n") + s.local);
+  }
+  // The getter's result and text, in a buffer of `size` filled with '#'
+  // except its last byte, as a caller that zeroes only that byte.
+  std::string call(Getter get, int size = 64) {
+    std::vector<char> out(static_cast<size_t>(size), '#');
+    out.back() = '\0';
+    return std::to_string(get(out.data(), size)) + " " + out.data();
+  }
+};
+
+TEST_F(Identity, FileGettersAndTheVersionCut) {
+  struct Row {
+    Sources src;
+    Getter get;
+    int size;
+    const char *expect;
+  } rows[] = {
+      {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
+      {{"SWVersion = V1.2.3.4_abc\n"}, config_getDisplaySoftwareVersion, 64, "6 V1.2.3"},
+      {{"SWVersion = 1.2.3\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
+      {{"SWVersion = 1.2.3.\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
+      {{"SWVersion = ...\n"}, config_getSoftwareVersion, 64, "2 .."},
+      {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 5, "4 1.2."},
+      {{"SWVersion =\n"}, config_getSoftwareVersion, 64, "0 "},
+      {{"HWVersion = 1.0\n"}, config_getSoftwareVersion, 8, "0 #######"},
+      {{"HWVersion = hw2\nCompileTime = today\n"}, config_getHardwareVersion, 64, "3 hw2"},
+      {{"CompileTime = 2026-11-24\n"}, config_getCompileTime, 64, "10 2026-11-24"},
+      {{"PlatForm = mt7621\n"}, config_getPlatForm, 64, "6 mt7621"},
+      {{"DeviceName = R1\n"}, config_getDeviceName, 64, "2 R1"},
+      {{"", "InnerDeviceType = X9\n"}, config_getInnerDeviceType, 64, "2 X9"},
+      {{"", "sn = 0042\n"}, config_getSerialNo, 64, "4 0042"},
+      {{}, config_getSerialNo, 8, "-1 #######"},
+  };
+  for (const Row &r : rows) {
+    set(r.src);
+    EXPECT_EQ(r.expect, call(r.get, r.size)) << r.src.version << r.src.factory;
+  }
+  set({"PlatForm = x\n", "sn = y\n"});
+  char v[8] = {0}, f[8] = {0};
+  EXPECT_EQ(1, config_getValueFromVersionFile("PlatForm", v, sizeof v));
+  EXPECT_EQ(1, config_getValueFromFactoryFile("sn", f, sizeof f));
+  EXPECT_EQ("x y", std::string(v) + " " + f);
+}
+
+TEST_F(Identity, ChainsAndFallbacks) {
+  const char *sys_type = "\toption deviceType 'uci-type'\n";
+  struct Row {
+    Sources src;
+    Getter get;
+    int size;
+    const char *expect;
+  } rows[] = {
+      {{"DeviceType = ver\n", "DeviceType = fac\n", sys_type}, config_getDeviceType, 64, "3 fac"},
+      {{"DeviceType = ver\n", "DeviceType =\n", sys_type}, config_getDeviceType, 64, "8 uci-type"},
+      {{"DeviceType = ver\n", "", sys_type}, config_getDeviceType, 64, "8 uci-type"},
+      {{"DeviceType = ver\n"}, config_getDeviceType, 64, "3 ver"},
+      {{"", "", "\toption country 'DE'\n"}, config_getCountry, 64, "2 DE"},
+      {{}, config_getCountry, 64, "2 CN"},
+      {{}, config_getCountry, 2, "1 C"},
+      {{}, config_getCountry, 1, "0 "},
+      {{"", "", "\toption envName 'beta'\n"}, config_getEnvName, 64, "4 beta"},
+      {{}, config_getEnvName, 64, "7 release"},
+      {{"", "", "\toption localDomain 'home'\n", "\toption domain 'corp'\n"}, config_getLocalDomain, 64,
+       "4 home"},
+      {{"", "", "\toption country 'DE'\n", "\toption domain 'corp'\n"}, config_getLocalDomain, 64,
+       "4 corp"},
+      {{}, config_getLocalDomain, 64, "3 " RK_DEFAULT_LOCAL_DOMAIN},
+      {{"", "InnerDeviceType = aQuorvantaZ\n"}, config_getDeafultLanIp, 64, "2 10.0.0.1"},
+      {{"", "InnerDeviceType = aQuorvantaZ\n"}, config_getDeafultLanIp, 5, "2 10.0"},
+      {{"", "InnerDeviceType = quorvanta\n"}, config_getDeafultLanIp, 64, "1 192.168.10.1"},
+      {{"", "sn = 1\n"}, config_getDeafultLanIp, 64, "1 192.168.10.1"},
+      {{}, config_getDeafultLanIp, 64, "0 "},
+  };
+  for (const Row &r : rows) {
+    set(r.src);
+    EXPECT_EQ(r.expect, call(r.get, r.size)) << r.src.factory << r.src.system << r.src.local;
+  }
+  char untouched[4] = "abc";
+  EXPECT_EQ(0, config_getLocalDomain(untouched, 0));
+  EXPECT_EQ(0, config_getLocalDomain(nullptr, 8));
+  EXPECT_STREQ("abc", untouched);
+}
+
+TEST(Week, MaskToTextAtEverySize) {
+  char out[40];
+  for (int mask = 0; mask < 256; ++mask) {  // every set of days renders and reads back
+    ASSERT_EQ(4 * __builtin_popcount(mask & 0x7f), getWeekString(out, 29, uint8_t(mask)));
+    uint8_t back = 0;
+    getWeekFlag(out, &back);
+    ASSERT_EQ(mask & 0x7f, back) << out;
+  }
+  const std::pair<int, const char *> sizes[] = {
+      {33, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"}, {29, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"},
+      {28, "24 Sun,Mon,Tue,Wed,Thu,Fri"},     {25, "24 Sun,Mon,Tue,Wed,Thu,Fri"},
+      {24, "20 Sun,Mon,Tue,Wed,Thu"},         {9, "8 Sun,Mon"},
+      {8, "4 Sun"},                           {5, "4 Sun"},
+      {4, "0 "},                              {1, "0 "},
+  };
+  for (auto &s : sizes) {
+    memset(out, '#', sizeof out);
+    int n = getWeekString(out, s.first, 0x7f);
+    EXPECT_EQ(s.second, std::to_string(n) + " " + out);
+    EXPECT_EQ(std::string(sizeof out - s.first, '#'), std::string(out + s.first, sizeof out - s.first));
+  }
+  EXPECT_EQ(-1, getWeekString(out, 0, 1));
+  EXPECT_EQ(-1, getWeekString(nullptr, 8, 1));
+}
+
+TEST(Week, TextToMask) {
+  RK_REQUIRE_NAMESPACE();
+  SyslogCapture log;
+  struct Row {
+    const char *text;
+    uint8_t before, after;
+    std::vector<std::string> logged;
+  } rows[] = {
+      {"Sun,Mon,Tue,Wed,Thu,Fri,Sat", 0, 0x7f, {}},
+      {"sat fri thu wed tue mon sun", 0, 0x7f, {}},
+      {"SU,MO,TU,WE,TH,FR,SA", 0, 0x7f, {}},
+      {"sU Sa tH tU", 0, 0x55, {}},
+      {"Mo,Wx,M,W", 0, 0x0a, {}},
+      {"M,T,W,F,S,1,2", 0, 0, {}},
+      {"Sx,Mon", 0, 0x02, {"E [getWeekValue:N]error week(Sx,Mon)"}},
+      {"Tx Xyz,12", 0, 0, {"E [getWeekValue:N]error week(Tx Xyz,12)",
+                           "E [getWeekValue:N]error week(Xyz,12)", "E [getWeekValue:N]error week(12)"}},
+      {",Mon,, Tue ,", 0, 0x06, {}},
+      {" ,, ", 0, 0, {}},
+      {"Mon\tTue", 0, 0x02, {}},
+      {"Mon", 0x40, 0x42, {}},
+      {"", 0x40, 0x40, {}},
+  };
+  for (const Row &r : rows) {
+    uint8_t mask = r.before;
+    EXPECT_EQ(0, getWeekFlag(r.text, &mask));
+    EXPECT_EQ(r.after, mask) << r.text;
+    EXPECT_EQ(r.logged, log.TakeNormalized()) << r.text;
+  }
+  EXPECT_EQ(-1, getWeekFlag(nullptr, &rows[0].before));
+  EXPECT_EQ(-1, getWeekFlag("Mon", nullptr));
+}
+
+TEST_F(UciFiles, WeekOptionInUci) {
+  put("sched", "config rule 'r'\n\toption days 'Mon,Fri'\n");
+  uci_context *ctx = uci_alloc_context();
+  uci_package *pkg = nullptr;
+  ASSERT_EQ(0, uci_load(ctx, "sched", &pkg));
+  uci_section *s = uci_lookup_section(ctx, pkg, "r");
+  uint8_t mask = 0x40;
+  fflush(stdout);
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  int saved = dup(1);
+  dup2(fds[1], 1);
+  const int got = uciGetWeek(ctx, s, "days", &mask);
+  const int missing = uciGetWeek(ctx, s, "nope", &mask);
+  const int null_out = uciGetWeek(ctx, s, "days", nullptr);
+  fflush(stdout);
+  dup2(saved, 1);
+  close(fds[1]);
+  char printed[128] = {0};
+  EXPECT_GT(read(fds[0], printed, sizeof printed - 1), 0);
+  close(fds[0]);
+  close(saved);
+  EXPECT_EQ(0, got);
+  EXPECT_EQ(0x62, mask);
+  EXPECT_EQ(-1, missing);
+  EXPECT_EQ(-1, null_out);
+  EXPECT_STREQ("week=Mon,Fri\nweek=Mon,Fri\n", printed);
+
+  EXPECT_EQ(0, uciSetWeek(ctx, pkg, s, "days", 0x41));
+  char text[16] = {0};
+  EXPECT_EQ(0, uciGetString(ctx, s, "days", text, sizeof text));
+  EXPECT_STREQ("Sun,Sat", text);
+  EXPECT_EQ(0, uciSetWeek(ctx, pkg, s, "days", 0));  // an empty value: libuci deletes
+  EXPECT_EQ(-1, uciGetString(ctx, s, "days", text, sizeof text));
+  uci_free_context(ctx);
+}
+
+}  // namespace
+}  // namespace rk::test

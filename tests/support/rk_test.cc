@@ -208,17 +208,17 @@ bool SilenceSyslog() {
   return access(kDevLog, F_OK) != 0;
 }
 
-StderrCapture::StderrCapture() {
-  fflush(stderr);
-  saved_ = dup(STDERR_FILENO);
-  mem_ = memfd_create("stderr", MFD_CLOEXEC);
-  dup2(mem_, STDERR_FILENO);
+StderrCapture::StderrCapture(int fd) : fd_(fd) {
+  fflush(nullptr);
+  saved_ = dup(fd_);
+  mem_ = memfd_create("capture", MFD_CLOEXEC);
+  dup2(mem_, fd_);
 }
 
 std::string StderrCapture::Stop() {
   if (saved_ < 0) return text_;
-  fflush(stderr);
-  dup2(saved_, STDERR_FILENO);
+  fflush(nullptr);
+  dup2(saved_, fd_);
   close(saved_);
   saved_ = -1;
   char buf[4096];

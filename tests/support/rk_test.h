@@ -99,18 +99,19 @@ class SyslogCapture {
 // fuzzers and benchmarks that log a lot). False outside the namespace.
 bool SilenceSyslog();
 
-// ---- standard error ----
-// Redirects descriptor 2 into memory for its lifetime.
+// ---- standard error (or output) ----
+// Redirects descriptor 2 (or `fd`, such as 1) into memory for its lifetime.
 class StderrCapture {
  public:
-  StderrCapture();
+  explicit StderrCapture(int fd = 2);
   ~StderrCapture() { Stop(); }
   StderrCapture(const StderrCapture &) = delete;
   StderrCapture &operator=(const StderrCapture &) = delete;
-  // Restores standard error and returns what was written to it.
+  // Restores the descriptor and returns what was written to it.
   std::string Stop();
 
  private:
+  int fd_;
   int saved_ = -1;
   int mem_ = -1;
   std::string text_;

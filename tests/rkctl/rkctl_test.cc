@@ -1,0 +1,211 @@
+// rkctl as a user runs it: each row starts the program with its arguments
+// and compares exit code, standard output (parsed back when it is JSON) and
+// a piece of standard error.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <json-c/json.h>
+
+#include "rk_test.h"
+
+namespace rk::test {
+namespace {
+
+struct Result {
+  int rc = -1;
+  std::string out, err;
+};
+
+// rkctl ARGS..., under the target's emulator in a cross build.
+Result Start(const std::vector<std::string> &args) {
+  TempDir dir;
+  std::vector<std::string> words;
+  if (const char *emulator = getenv("RK_EMULATED")) words.push_back(emulator);
+  words.push_back(RKCTL);
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char *> argv;
+  for (auto &w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, (dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
+  posix_spawn_file_actions_addopen(&fa, 2, (dir / "err").c_str(), O_WRONLY | O_CREAT, 0600);
+  Result r;
+  pid_t pid;
+  int status = 0;
+  if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) == 0 && waitpid(pid, &status, 0) == pid)
+    r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  posix_spawn_file_actions_destroy(&fa);
+  r.out = ReadFile(dir / "out");
+  r.err = ReadFile(dir / "err");
+  return r;
+}
+
+struct Row {
+  std::vector<std::string> args;
+  int rc;
+  std::string out;  // exact; compared as JSON when the row has --json
+  std::string err;  // a piece of standard error ("" for none at all)
+};
+
+void Check(const std::vector<Row> &rows) {
+  for (const Row &row : rows) {
+    std::string line;
+    for (const auto &a : row.args) line += " " + a;
+    SCOPED_TRACE("rkctl" + line);
+    Result r = Start(row.args);
+    EXPECT_EQ(r.rc, row.rc) << r.err;
+    if (line.find("--json") != std::string::npos) {
+      json_object *got = json_tokener_parse(r.out.c_str()), *want = json_tokener_parse(row.out.c_str());
+      EXPECT_TRUE(got && json_object_equal(got, want)) << r.out;
+      json_object_put(got);
+      json_object_put(want);
+    } else {
+      EXPECT_EQ(r.out, row.out);
+    }
+    if (row.err.empty())
+      EXPECT_EQ(r.err, "");
+    else
+      EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
+  }
+}
+
+class Rkctl : public ::testing::Test {
+ protected:
+  void SetUp() override { RK_REQUIRE_NAMESPACE(); }
+};
+
+TEST_F(Rkctl, UsageErrorsAndHelp) {
+  const char *usage = "usage: rkctl";
+  Check({
+      {{}, 2, "", usage},
+      {{"frobnicate"}, 2, "", "unknown command 'frobnicate'"},
+      {{"resolve"}, 2, "", "no name given"},
+      {{"resolve", "--timeout", "0", "x"}, 2, "", "--timeout takes milliseconds"},
+      {{"resolve", "--ptr", "::1"}, 2, "", "--ptr takes an IPv4 address"},
+      {{"resolve", "--server"}, 2, "", "--server needs a value"},
+      {{"resolve", "--bogus", "x"}, 2, "", "unknown option --bogus"},
+      {{"uci", "get", "system.hostname"}, 2, "", "is not CONFIG.SECTION.OPTION"},
+      {{"uci", "set", "system.@system.hostname"}, 2, "", "set takes CONFIG.SECTION.OPTION=VALUE"},
+      {{"log", "loud", "x"}, 2, "", "LEVEL is one of"},
+      {{"lua", "x.lua"}, 2, "", "expected SCRIPT FUNCTION [JSON]"},
+      {{"lua", "x.lua", "f", "{nope"}, 2, "", "the argument is no JSON"},
+  });
+  for (const char *cmd : {"resolve", "uci", "log", "lua"}) {
+    Result r = Start({cmd, "--help"});
+    EXPECT_EQ(r.rc, 0);
+    EXPECT_EQ(r.out.rfind(std::string("usage: rkctl ") + cmd + " ", 0), 0u) << r.out;
+    EXPECT_NE(Start({"--help"}).out.find(std::string("\n  ") + cmd + " "), std::string::npos) << cmd;
+  }
+}
+
+// Debian's dnsmasq on port 53 of 127.0.0.1 and ::1.
+class Dnsmasq {
+ public:
+  explicit Dnsmasq(std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
+                               "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
+                               "--conf-file=/dev/null", "--log-facility=-"});
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+  }
+  ~Dnsmasq() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+TEST_F(Rkctl, ResolveAgainstDnsmasq) {
+  Dnsmasq server({"--host-record=dual.test.lan,192.0.2.1,2001:db8::1", "--host-record=v4.test.lan,192.0.2.4",
+                  "--ptr-record=4.2.0.192.in-addr.arpa,v4.test.lan"});
+  ASSERT_TRUE(WriteFile("/etc/resolv.conf", "# test\nnameserver 127.0.0.1\n"));
+  int rc = 1;
+  for (int i = 0; i < 50 && rc != 0; i++) rc = Start({"resolve", "v4.test.lan", "--timeout", "200"}).rc;
+  ASSERT_EQ(rc, 0) << "dnsmasq does not answer";
+  Check({
+      {{"resolve", "dual.test.lan", "v4.test.lan"}, 0,
+       "dual.test.lan 192.0.2.1\ndual.test.lan 2001:db8::1\nv4.test.lan 192.0.2.4\n", ""},
+      {{"resolve", "--json", "dual.test.lan", "none.test.lan", "--server", "::1", "--timeout", "500"}, 1,
+       R"([{"name": "dual.test.lan", "addresses": ["192.0.2.1", "2001:db8::1"]},
+           {"name": "none.test.lan", "addresses": []}])",
+       "none.test.lan: no address within 500 ms"},
+      {{"resolve", "--ptr", "192.0.2.4", "--server", "::1"}, 0, "192.0.2.4 v4.test.lan\n", ""},
+      {{"resolve", "--json", "--ptr", "192.0.2.4"}, 0, R"({"address": "192.0.2.4", "name": "v4.test.lan"})", ""},
+      {{"resolve", "--ptr", "192.0.2.9", "--timeout", "300"}, 1, "", "192.0.2.9: no answer within 300 ms"},
+      {{"resolve", "v4.test.lan", "--server", "127.0.0.9", "--timeout", "200"}, 1, "", "no address within 200 ms"},
+  });
+  ASSERT_TRUE(WriteFile("/etc/resolv.conf", "search lan\n"));
+  Check({{{"resolve", "v4.test.lan"}, 1, "", "no DNS server: none given with --server and none in /etc/resolv.conf"}});
+}
+
+TEST_F(Rkctl, UciGetAndSet) {
+  mkdir("/etc/config", 0755);
+  ASSERT_TRUE(WriteFile("/etc/config/system", "config system 'main'\n\toption hostname 'rk1'\n\tlist ntp 'a'\n"));
+  Check({
+      {{"uci", "get", "system.@system.hostname"}, 0, "rk1\n", ""},
+      {{"uci", "get", "system.main.ntp"}, 1, "", "system.main.ntp: no such section or option"},
+      {{"uci", "get", "nothere.@x.y"}, 1, "", "cannot read /etc/config/nothere: No such file or directory"},
+      {{"uci", "set", "system.main.hostname=rk 2"}, 0, "", ""},
+      {{"uci", "--json", "get", "system.@system.hostname"}, 0,
+       R"({"config": "system", "section": "@system", "option": "hostname", "value": "rk 2"})", ""},
+      {{"uci", "set", "system.other.hostname=x"}, 1, "", "not written"},
+  });
+  EXPECT_NE(ReadFile("/etc/config/system").find("option hostname 'rk 2'"), std::string::npos);
+}
+
+TEST_F(Rkctl, LogToSyslogAndFile) {
+  SyslogCapture log;
+  ASSERT_TRUE(log.ok());
+  Check({
+      {{"log", "--json", "debug", "dropped"}, 0, R"({"level": "debug", "sent": false})", ""},
+      {{"log", "--json", "--level", "6", "debug", "two", "words"}, 0, R"({"level": "debug", "sent": true})", ""},
+      {{"log", "error", "it broke"}, 0, "", ""},
+      {{"log", "--file", "/tmp/rk.log", "info", "to a file"}, 0, "", ""},
+  });
+  std::vector<std::string> got;
+  for (const LogLine &l : log.Take()) got.push_back(l.ident + " " + std::to_string(l.severity) + " " + l.text);
+  EXPECT_EQ(got, (std::vector<std::string>{"rkctl 7 two words", "rkctl 3 it broke"}));
+  std::string file = ReadFile("/tmp/rk.log");
+  EXPECT_TRUE(file.size() > 11 && file.compare(file.size() - 11, 11, " to a file\n") == 0) << file;
+}
+
+TEST_F(Rkctl, LuaFunctions) {
+  mkdir("/etc/config", 0755);
+  ASSERT_TRUE(WriteFile("/etc/config/system", "config system\n\toption hostname 'rk1'\n"));
+  ASSERT_TRUE(WriteFile("/tmp/s.lua", R"(
+function hello(arg) return "hello " .. (arg and arg.who or "nobody") end
+host = {name = function() return rk:uci_get{config = "system", type = "system", option = "hostname"} end}
+function echo(arg) return {arg = arg, ticks = rk:tick().tick > 0} end
+function boom() error("bad thing") end
+)"));
+  ASSERT_TRUE(WriteFile("/tmp/syntax.lua", "x = = 1\n"));
+  ASSERT_TRUE(WriteFile("/tmp/raises.lua", "error('at start')\n"));
+  Check({
+      {{"lua", "/tmp/s.lua", "hello", R"({"who": "you"})"}, 0, "hello you\n", ""},
+      {{"lua", "/tmp/s.lua", "hello"}, 0, "hello nobody\n", ""},
+      {{"lua", "--json", "/tmp/s.lua", "host.name"}, 0, R"({"value": "rk1"})", ""},
+      {{"lua", "--json", "/tmp/s.lua", "echo", "[1, 2.5, null, \"x\"]"}, 0,
+       R"({"arg": [1, 2.5, null, "x"], "ticks": true})", ""},
+      {{"lua", "/tmp/s.lua", "boom"}, 1, "", "boom raised an error: /tmp/s.lua:5: bad thing"},
+      {{"lua", "/tmp/s.lua", "host.nothing"}, 1, "", "/tmp/s.lua has no function host.nothing"},
+      {{"lua", "/tmp/none.lua", "f"}, 1, "", "cannot read /tmp/none.lua"},
+      {{"lua", "/tmp/syntax.lua", "f"}, 1, "", "cannot load /tmp/syntax.lua: /tmp/syntax.lua:1:"},
+      {{"lua", "/tmp/raises.lua", "f"}, 1, "", "cannot load /tmp/raises.lua"},
+  });
+}
+
+}  // namespace
+}  // namespace rk::test

@@ -23,7 +23,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   liblua5.1-0-dev libjson-c-dev libc-ares-dev lua-cjson
   clang libclang-rt-14-dev gcovr valgrind
-  dnsmasq-base iproute2 util-linux procps
+  dnsmasq-base iproute2 util-linux procps iputils-ping
 )
 
 cross_arches=(armhf s390x)

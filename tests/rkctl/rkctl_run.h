@@ -23,12 +23,12 @@ struct Result {
   std::string out, err;
 };
 
-// rkctl ARGS..., under the target's emulator in a cross build.
-inline Result Start(const std::vector<std::string> &args) {
+// PROGRAM ARGS..., under the target's emulator in a cross build.
+inline Result RunProgram(const std::string &program, const std::vector<std::string> &args) {
   TempDir dir;
   std::vector<std::string> words;
   if (const char *emulator = getenv("RK_EMULATED")) words.push_back(emulator);
-  words.push_back(RKCTL);
+  words.push_back(program);
   words.insert(words.end(), args.begin(), args.end());
   std::vector<char *> argv;
   for (auto &w : words) argv.push_back(w.data());
@@ -47,6 +47,8 @@ inline Result Start(const std::vector<std::string> &args) {
   r.err = ReadFile(dir / "err");
   return r;
 }
+
+inline Result Start(const std::vector<std::string> &args) { return RunProgram(RKCTL, args); }
 
 struct Row {
   std::vector<std::string> args;

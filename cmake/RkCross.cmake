@@ -18,6 +18,9 @@ set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${RK_CROSS_TRIPLET}/pkgconfig:/usr/share/pkg
 set(CMAKE_CROSSCOMPILING_EMULATOR ${RK_CROSS_QEMU} -L /usr/${RK_CROSS_TRIPLET})
 # Target libraries unpacked outside the system (scripts/bootstrap.sh does so
 # for Lua when its package cannot be installed): found there first.
+# The compiler checks read this file again, and the environment they leave
+# is the one configuring goes on with: they must see RK_CROSS_DEPS too.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES RK_CROSS_DEPS)
 if(RK_CROSS_DEPS)
   set(ENV{PKG_CONFIG_LIBDIR} ${RK_CROSS_DEPS}/usr/lib/${RK_CROSS_TRIPLET}/pkgconfig:$ENV{PKG_CONFIG_LIBDIR})
 endif()

@@ -2,6 +2,7 @@
 # bootstrap.sh main|test|cross ARCH
 #
 #   main        install what is needed (Debian packages), build, run the example
+#               and rkctl status
 #   test        install, build and run the whole test suite; again built with
 #               AddressSanitizer and UBSan; a bounded fuzzing run; the suite
 #               cross-built for armhf and s390x and run under qemu-user; then
@@ -127,6 +128,12 @@ case "$mode" in
     configure_build build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DROUTERKIT_BUILD_TESTS=OFF
     echo "== running the example"
     build/release/examples/routerkit-demo
+    echo "== the machine, as rkctl sees it"
+    if build/release/tools/rkctl status --help >/dev/null 2>&1; then
+      build/release/tools/rkctl status
+    else
+      build/release/tools/rkctl --help
+    fi
     ;;
   test)
     install_packages

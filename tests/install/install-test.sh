@@ -18,6 +18,10 @@ for h in log config async_dns; do
   [ -f "$prefix/include/routerkit/$h.h" ] || { echo "missing include/routerkit/$h.h"; exit 1; }
 done
 
+# The command-line front end runs from the prefix as installed, man page beside it.
+"$prefix/bin/rkctl" --help | grep -q '^  resolve ' || { echo "installed rkctl does not run"; exit 1; }
+[ -f "$prefix/share/man/man1/rkctl.1" ] || { echo "missing share/man/man1/rkctl.1"; exit 1; }
+
 export PKG_CONFIG_PATH="$pcdir"
 libdir=$(pkg-config --variable=libdir routerkit)
 [ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }

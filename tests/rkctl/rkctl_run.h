@@ -1,0 +1,104 @@
+// Running rkctl as a user does, for the tests of tests/rkctl: a row of
+// arguments, expected exit code, standard output (compared as JSON when the
+// row has --json) and a piece of standard error; dnsmasq as a DNS server.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <json-c/json.h>
+
+#include "rk_test.h"
+
+namespace rk::test {
+
+struct Result {
+  int rc = -1;
+  std::string out, err;
+};
+
+// PROGRAM ARGS..., under the target's emulator in a cross build.
+inline Result RunProgram(const std::string &program, const std::vector<std::string> &args) {
+  TempDir dir;
+  std::vector<std::string> words;
+  if (const char *emulator = getenv("RK_EMULATED")) words.push_back(emulator);
+  words.push_back(program);
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char *> argv;
+  for (auto &w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t fa;
+  posix_spawn_file_actions_init(&fa);
+  posix_spawn_file_actions_addopen(&fa, 1, (dir / "out").c_str(), O_WRONLY | O_CREAT, 0600);
+  posix_spawn_file_actions_addopen(&fa, 2, (dir / "err").c_str(), O_WRONLY | O_CREAT, 0600);
+  Result r;
+  pid_t pid;
+  int status = 0;
+  if (posix_spawnp(&pid, argv[0], &fa, nullptr, argv.data(), environ) == 0 && waitpid(pid, &status, 0) == pid)
+    r.rc = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  posix_spawn_file_actions_destroy(&fa);
+  r.out = ReadFile(dir / "out");
+  r.err = ReadFile(dir / "err");
+  return r;
+}
+
+inline Result Start(const std::vector<std::string> &args) { return RunProgram(RKCTL, args); }
+
+struct Row {
+  std::vector<std::string> args;
+  int rc;
+  std::string out;  // exact; compared as JSON when the row has --json
+  std::string err;  // a piece of standard error ("" for none at all)
+};
+
+inline void Check(const std::vector<Row> &rows) {
+  for (const Row &row : rows) {
+    std::string line;
+    for (const auto &a : row.args) line += " " + a;
+    SCOPED_TRACE("rkctl" + line);
+    Result r = Start(row.args);
+    EXPECT_EQ(r.rc, row.rc) << r.err;
+    if (line.find("--json") != std::string::npos) {
+      json_object *got = json_tokener_parse(r.out.c_str()), *want = json_tokener_parse(row.out.c_str());
+      EXPECT_TRUE(got && json_object_equal(got, want)) << r.out;
+      json_object_put(got);
+      json_object_put(want);
+    } else {
+      EXPECT_EQ(r.out, row.out);
+    }
+    if (row.err.empty())
+      EXPECT_EQ(r.err, "");
+    else
+      EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
+  }
+}
+
+// Debian's dnsmasq on port 53 of 127.0.0.1 and ::1.
+class Dnsmasq {
+ public:
+  explicit Dnsmasq(std::vector<std::string> args) {
+    args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
+                               "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
+                               "--conf-file=/dev/null", "--log-facility=-"});
+    std::vector<char *> argv;
+    for (auto &a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+  }
+  ~Dnsmasq() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+}  // namespace rk::test

@@ -1,0 +1,185 @@
+// rkctl status: one screen about the device, with a reachability check that
+// ends at a deadline of its own, network or not.
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <time.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <routerkit/log.h>
+#include <routerkit/network_helper.h>
+
+#include "identity.h"
+#include "ping.h"
+#include "rkctl.h"
+
+namespace rkctl {
+namespace {
+
+const int kMinCpuMs = 250;
+
+struct Check {
+  explicit Check(std::string w) : what(std::move(w)) {}
+  std::string what, detail;
+  bool ok = false;
+};
+
+std::string bridge_address(int family) {
+  unsigned char any[16] = {}, out[16] = {};
+  char text[INET6_ADDRSTRLEN] = "";
+  if (networkHelper_getBridgeAddr(static_cast<uint8_t>(family), any, out) != 1) return "";
+  inet_ntop(family, out, text, sizeof text);
+  return text;
+}
+
+// Pings 127.0.0.1, ::1 and the DNS servers, and resolves `name` through
+// those servers, all at once; whatever has not answered by the deadline
+// fails.
+std::vector<Check> reachability(const std::string &name, int timeout_ms) {
+  std::vector<Check> checks;
+  std::vector<std::string> servers = ResolvConfServers();
+  Loop loop;
+  Pinger pinger;
+  Resolver resolver;
+  bool can_ping = loop.ok() && pinger.Open();
+  bool can_resolve = loop.ok() && !servers.empty() && resolver.Open(servers, nullptr) && resolver.server_count() > 0;
+  std::vector<std::string> targets = {"127.0.0.1", "::1"};
+  for (const std::string &s : servers)
+    if (AddressFamily(s) && std::find(targets.begin(), targets.end(), s) == targets.end()) targets.push_back(s);
+  if (can_ping)
+    for (const std::string &t : targets) pinger.Send(pinger.Add(t, t, AddressFamily(t)));
+  auto done = [&] {
+    return (!can_ping || pinger.AllAnswered()) && (!can_resolve || resolver.Find(name));
+  };
+  pinger.on_reply = [&](const Pinger::Host &, uint32_t, bool) {
+    if (done()) loop.Stop();
+  };
+  resolver.on_answer = [&] {
+    if (done()) loop.Stop();
+  };
+  if (can_resolve) resolver.Lookup(name);
+  if (loop.ok() && !done()) loop.RunFor(timeout_ms);
+  pinger.on_reply = nullptr;
+  resolver.on_answer = nullptr;
+
+  const std::string late = "no reply within " + std::to_string(timeout_ms) + " ms";
+  for (const std::string &t : targets) {
+    Check c("ping " + t);
+    const Pinger::Host *h = nullptr;
+    for (const Pinger::Host &p : pinger.hosts)
+      if (p.name == t) h = &p;
+    if (!can_ping)
+      c.detail = "cannot open raw ICMP sockets (needs root or CAP_NET_RAW)";
+    else if (!h || h->sent == 0)
+      c.detail = "cannot send (no route?)";
+    else if (h->received() == 0)
+      c.detail = late;
+    else {
+      c.ok = true;
+      c.detail = std::to_string(h->rtts[0]) + " ms";
+    }
+    checks.push_back(c);
+  }
+  Check r("resolve " + name);
+  const Resolver::Answer *a = can_resolve ? resolver.Find(name) : nullptr;
+  if (servers.empty()) {
+    r.detail = "no DNS server in /etc/resolv.conf";
+  } else if (!can_resolve) {
+    r.detail = "cannot use the DNS servers of /etc/resolv.conf";
+  } else if (!a) {
+    r.detail = "no answer within " + std::to_string(timeout_ms) + " ms";
+  } else {
+    r.ok = true;
+    r.detail = !a->v4.empty() ? a->v4[0] : a->v6[0];
+  }
+  checks.push_back(r);
+  return checks;
+}
+
+int run(Invocation &inv) {
+  if (!inv.Parse({{0, "timeout", true}, {0, "name", true}})) return kUsage;
+  uint64_t timeout = 2000;
+  if (inv.Has("timeout") && (!ParseUint(inv.Get("timeout"), 600000, &timeout) || timeout == 0))
+    return UsageError(inv, "--timeout takes milliseconds from 1 to 600000");
+  if (!inv.positional.empty()) return UsageError(inv, "takes no arguments");
+  const std::string name = inv.Get("name", "example.com");
+
+  std::vector<IdentityValue> identity = ReadIdentity();
+  uint32_t delay = 0;
+  bool has_delay = getInternetDelay(&delay) == 0;
+  std::string v4 = bridge_address(AF_INET), v6 = bridge_address(AF_INET6);
+
+  // The CPU is sampled across the reachability check, at least 250 ms.
+  CpuTimes times = {};
+  getCPUUsageValue(&times);
+  uint64_t start = GetTickCount();
+  std::vector<Check> checks = reachability(name, static_cast<int>(timeout));
+  uint64_t spent = GetTickCount() - start;
+  if (spent < kMinCpuMs) {
+    timespec t{0, static_cast<long>(kMinCpuMs - spent) * 1000000};
+    nanosleep(&t, nullptr);
+    spent = kMinCpuMs;
+  }
+  unsigned cpu = getCPUUsageValue(&times);
+
+  if (inv.json) {
+    Json out(json_object_new_object());
+    json_object *id = json_object_new_object();
+    for (const IdentityValue &v : identity) {
+      json_object *o = json_object_new_object();
+      json_object_object_add(o, "value", v.missing ? nullptr : JsonString(v.value));
+      json_object_object_add(o, "fallback", json_object_new_boolean(v.fallback));
+      json_object_object_add(id, v.key, o);
+    }
+    json_object_object_add(out.get(), "identity", id);
+    json_object_object_add(out.get(), "cpu_permille", json_object_new_int(static_cast<int>(cpu)));
+    json_object_object_add(out.get(), "delay_mean", has_delay ? json_object_new_int64(delay) : nullptr);
+    json_object *bridge = json_object_new_object();
+    json_object_object_add(bridge, "ipv4", v4.empty() ? nullptr : JsonString(v4));
+    json_object_object_add(bridge, "ipv6", v6.empty() ? nullptr : JsonString(v6));
+    json_object_object_add(out.get(), "bridge", bridge);
+    json_object *list = json_object_new_array();
+    for (const Check &c : checks) {
+      json_object *o = json_object_new_object();
+      json_object_object_add(o, "check", JsonString(c.what));
+      json_object_object_add(o, "ok", json_object_new_boolean(c.ok));
+      json_object_object_add(o, "detail", JsonString(c.detail));
+      json_object_array_add(list, o);
+    }
+    json_object_object_add(out.get(), "checks", list);
+    PrintJson(out.get());
+    return kOk;
+  }
+  printf("identity\n");
+  for (const IdentityValue &v : identity)
+    printf("  %-20s %s%s\n", v.label, v.missing ? "-" : v.value.c_str(), v.fallback ? "  (fallback)" : "");
+  printf("cpu usage              %u.%u%% over %llu ms\n", cpu / 10, cpu % 10, static_cast<unsigned long long>(spent));
+  if (has_delay)
+    printf("internet delay         %u (mean of the newest records)\n", delay);
+  else
+    printf("internet delay         none recorded\n");
+  printf("LAN bridge             IPv4 %s, IPv6 %s\n", v4.empty() ? "none" : v4.c_str(), v6.empty() ? "none" : v6.c_str());
+  printf("reachability           (deadline %llu ms)\n", static_cast<unsigned long long>(timeout));
+  for (const Check &c : checks)
+    printf("  %-4s  %-28s %s\n", c.ok ? "ok" : "FAIL", c.what.c_str(), c.detail.c_str());
+  return kOk;
+}
+
+const Registrar registrar({"status", "[--timeout MS] [--name NAME]", "one screen about the device",
+                           "Shows the identity values (marking those that came from a built-in fallback),\n"
+                           "the CPU usage over the time of the check (at least 250 ms), the mean of the\n"
+                           "internet delay record, the LAN bridge addresses, and a reachability check:\n"
+                           "ping 127.0.0.1, ::1 and the DNS servers of /etc/resolv.conf, and resolve NAME\n"
+                           "(default example.com) through those servers, all at once. What has not\n"
+                           "answered by the deadline (--timeout MS, default 2000) gets a FAIL line with\n"
+                           "the reason, so the screen comes in time without a network too. Exit 0\n"
+                           "whenever the screen was made.\n"
+                           "JSON: {\"identity\": {KEY: {\"value\", \"fallback\"}...}, \"cpu_permille\",\n"
+                           "\"delay_mean\", \"bridge\": {\"ipv4\", \"ipv6\"}, \"checks\": [{\"check\", \"ok\",\n"
+                           "\"detail\"}...]}.\n",
+                           10, run});
+
+}  // namespace
+}  // namespace rkctl

@@ -129,11 +129,7 @@ case "$mode" in
     echo "== running the example"
     build/release/examples/routerkit-demo
     echo "== the machine, as rkctl sees it"
-    if build/release/tools/rkctl status --help >/dev/null 2>&1; then
-      build/release/tools/rkctl status
-    else
-      build/release/tools/rkctl --help
-    fi
+    build/release/tools/rkctl status
     ;;
   test)
     install_packages

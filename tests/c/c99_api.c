@@ -81,6 +81,13 @@ int main(void) {
   uloop_done();
 
   check(GetTickCount() >= t0, "GetTickCount");
+  /* lua_helper, weekdays, identity */
+  luaHelperDestroy(NULL);
+  check(luaHelperCall(NULL, "f", NULL) == -1, "luaHelperCall");
+  check(getWeekString(value, (int)sizeof value, 0x22) == 8 && strcmp(value, "Mon,Fri") == 0,
+        "getWeekString");
+  check(config_getLocalDomain(value, 0) == 0, "config_getLocalDomain");
+
   /* data_bridge */
   check(blob_to_lua(NULL, NULL, 0) == -1 && blob_to_json(NULL) == NULL, "blob_to_lua");
 

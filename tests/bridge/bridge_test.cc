@@ -65,11 +65,11 @@ std::string json_text(json_object *obj) {
 
 // Attributes as text: [..] an array, {..} a table, "name:" before a named
 // one; 7 an INT32, 7L an INT64, 0.5d a DOUBLE, "s" a STRING, true a BOOL.
-std::string show(const blob_attr *first, size_t len) {
+std::string show(blob_attr *first, size_t len) {
   std::string out;
-  const blob_attr *a;
+  blob_attr *a;
   size_t rem = len;
-  __blob_for_each_attr(a, const_cast<blob_attr *>(first), rem) {
+  __blob_for_each_attr(a, first, rem) {
     if (!out.empty()) out += ",";
     if (*blobmsg_name(a)) out += std::string(blobmsg_name(a)) + ":";
     void *d = blobmsg_data(a);

@@ -165,19 +165,5 @@ TEST_F(DnsCacheTest, ZeroTtlChangesNothingNotEvenExpiredAddresses) {
   EXPECT_EQ(names(), 0u);
 }
 
-TEST_F(DnsCacheTest, MissingArgumentsAreRefused) {
-  put("n", v4("1.1.1.1"), 60);
-  uint8_t buf[4 + 28];
-  auto *result = reinterpret_cast<DnsResult *>(buf);
-  EXPECT_EQ(DnsCache_Get(nullptr, "n", result, 1), -1);
-  EXPECT_EQ(DnsCache_Get(cache_, nullptr, result, 1), -1);
-  EXPECT_EQ(DnsCache_Get(cache_, "n", nullptr, 1), -1);
-  const DnsAddressEntry a = v4("2.2.2.2");
-  DnsCache_Put(nullptr, "n", &a, 60);
-  DnsCache_Put(cache_, nullptr, &a, 60);
-  DnsCache_Put(cache_, "n", nullptr, 60);
-  EXPECT_EQ(get("n"), "1.1.1.1");
-}
-
 }  // namespace
 }  // namespace rk::test

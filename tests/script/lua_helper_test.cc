@@ -200,6 +200,13 @@ TEST(LuaHelperCreate, LoadAndRunFailures) {
               log.TakeNormalized());
   }
   luaHelperDestroy(nullptr);
+  // A script that forbids new globals: the registration's Lua error is caught.
+  WriteFile(dir / "strict.lua", "setmetatable(_G, {__newindex = function(_, k) error('strict ' .. k) end})");
+  LuaHelper *h = CreateLuaHelper((dir / "strict.lua").c_str());
+  ASSERT_NE(nullptr, h);
+  EXPECT_EQ(-1, luaHelperRegister(h, "obj", kObj));
+  EXPECT_EQ(0, lua_gettop(h->state));
+  luaHelperDestroy(h);
 }
 
 // Many calls with arguments and responses: the stack stays empty and the

@@ -58,24 +58,6 @@ TEST(BlobmsgWire, TableWithStringAndArrayOfBools) {
                 "00 000000 01 000000"));
 }
 
-// An array holding a table holding one int32: 28 bytes, every header with
-// the extended flag, names padded, payload big-endian.
-TEST(BlobmsgWire, ArrayOfTableOfInt32) {
-  Buf buf;
-  ASSERT_EQ(blobmsg_buf_init(&buf.b), 0);
-  void *array = blobmsg_open_array(&buf.b, "");
-  void *table = blobmsg_open_table(&buf.b, nullptr);
-  ASSERT_EQ(blobmsg_add_u32(&buf.b, "v", 0x0a0b0c0d), 0);
-  blobmsg_close_table(&buf.b, table);
-  blobmsg_close_array(&buf.b, array);
-
-  const blob_attr *arr = static_cast<const blob_attr *>(blob_data(buf.b.head));
-  EXPECT_EQ(blob_raw_len(buf.b.head), 32u);
-  EXPECT_EQ(bytes_of(arr, 28), Hex("8100001c 00000000"
-                                   "82000014 00000000"
-                                   "8500000c 0001 76 00 0a0b0c0d"));
-}
-
 TEST(BlobmsgWire, IntegerAndDoubleHelpersWriteBigEndian) {
   Buf buf;
   ASSERT_EQ(blob_buf_init(&buf.b, 0), 0);

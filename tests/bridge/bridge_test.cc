@@ -156,8 +156,12 @@ TEST(Bridge, LuaValuesOut) {
   Lua lua;
   lua.eval("{}");
   lua.eval("1");
-  EXPECT_EQ("NULL", json_text(lua_to_json(lua.L, 3)));  // above the top
-  EXPECT_EQ("NULL", json_text(lua_to_json(lua.L, -3)));
+  Buf none;
+  for (int index : {0, 3, -3}) {
+    EXPECT_EQ("NULL", json_text(lua_to_json(lua.L, index)));
+    EXPECT_EQ(0, lua_to_blob(lua.L, index, &none.b));
+  }
+  EXPECT_EQ("", none.text());
   EXPECT_EQ("1", json_text(lua_to_json(lua.L, -1)));
   EXPECT_EQ(2, lua_gettop(lua.L));
 }

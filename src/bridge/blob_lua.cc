@@ -157,7 +157,8 @@ void push_json(lua_State *L, json_object *obj) {
         lua_pushnil(L);
         break;
       }
-      lua_createtable(L, 0, 0);
+      const int members = json_object_object_length(obj);
+      lua_createtable(L, 0, members < 1024 ? members : 0);
       json_object_object_foreach(obj, key, value) {
         push_json(L, value);
         lua_setfield(L, -2, key);

@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <json-c/json.h>
 
@@ -20,10 +21,13 @@ constexpr uint64_t kSetStep = 10;
 // each is released on its own.
 struct JsonConversion {
   VisitedTableSet *set = nullptr;
-  json_object **open = nullptr;
+  json_object **open = shallow;
   uint32_t depth = 0;
-  uint32_t room = 0;
+  uint32_t room = kShallow;
   json_object *result = nullptr;
+  // Room for the usual nesting without an allocation of its own.
+  static constexpr uint32_t kShallow = 32;
+  json_object *shallow[kShallow];
 };
 static_assert(offsetof(JsonConversion, set) == 0, "the set must come first");
 
@@ -33,9 +37,11 @@ JsonConversion *conversion_of(VisitedTableSet **set) {
 
 bool push_open(JsonConversion *conv, json_object *container) {
   if (conv->depth == conv->room) {
-    uint32_t room = conv->room + 64;
-    auto *grown = static_cast<json_object **>(realloc(conv->open, room * sizeof(json_object *)));
+    uint32_t room = conv->room * 2;
+    auto *grown = static_cast<json_object **>(
+        realloc(conv->open == conv->shallow ? nullptr : conv->open, room * sizeof(json_object *)));
     if (!grown) return false;
+    if (conv->open == conv->shallow) memcpy(grown, conv->shallow, sizeof conv->shallow);
     conv->open = grown;
     conv->room = room;
   }
@@ -67,15 +73,22 @@ json_object *table_to_json(lua_State *L, int index, VisitedTableSet **set) {
       }
     }
   } else {
+    // String keys of one table differ from each other, so one is new to the
+    // object unless a number key met before it has the same text; only then
+    // does json-c need to look for it.
+    bool number_met = false;
     lua_pushnil(L);
     while (lua_next(L, index)) {
+      const bool number = lua_type(L, -2) == LUA_TNUMBER;
       // Only a copy of the key may be turned into text: lua_next needs the
       // key itself unchanged.
       lua_pushvalue(L, -2);
       const char *key = lua_tolstring(L, -1, nullptr);
       if (key) {
         json_object *value = lua_to_json_value(L, -2, set);
-        if (json_object_object_add(container, key, value) != 0) json_object_put(value);
+        const unsigned add = number || number_met ? 0 : JSON_C_OBJECT_ADD_KEY_IS_NEW;
+        number_met = number_met || number;
+        if (json_object_object_add_ex(container, key, value, add) != 0) json_object_put(value);
       }
       lua_settop(L, -3);
     }
@@ -242,7 +255,7 @@ extern "C" json_object *lua_to_json(lua_State *L, int index) {
     for (uint32_t i = 0; i < conv.depth; ++i) json_object_put(conv.open[i]);
     conv.result = nullptr;
   }
-  free(conv.open);
+  if (conv.open != conv.shallow) free(conv.open);
   free(conv.set);
   return conv.result;
 }

@@ -173,6 +173,13 @@ TEST(Bridge, ArrayTestKnowsNoDensity) {
     EXPECT_EQ(r.second, rk::bridge::lua_table_array_length(lua.L, lua_gettop(lua.L))) << r.first;
   }
   EXPECT_EQ(2, lua_gettop(lua.L));
+  // A number key and a string key with one text are one member, either way round.
+  for (const char *t : {"{[1] = 'n', ['1'] = 's', [0.1 + 0.2] = 1, [0.3] = 2}", "{['1'] = 's', [1] = 'n'}"}) {
+    lua.eval(t);
+    json_object *obj = lua_to_json(lua.L, -1);
+    EXPECT_EQ(strchr(t, '3') ? 2 : 1, json_object_object_length(obj)) << t;
+    json_object_put(obj);
+  }
 }
 
 TEST(Bridge, WireBytesAreBigEndian) {

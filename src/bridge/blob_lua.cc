@@ -144,10 +144,11 @@ void push_json(lua_State *L, json_object *obj) {
         lua_pushnil(L);
         break;
       }
-      size_t n = json_object_array_length(obj);
+      const array_list *elements = json_object_get_array(obj);
+      const size_t n = elements->length;
       lua_createtable(L, n < 1024 ? static_cast<int>(n) : 0, 0);
       for (size_t i = 0; i < n; ++i) {
-        push_json(L, json_object_array_get_idx(obj, i));
+        push_json(L, static_cast<json_object *>(elements->array[i]));
         lua_rawseti(L, -2, static_cast<int>(i + 1));
       }
       break;

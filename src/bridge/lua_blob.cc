@@ -152,9 +152,9 @@ void json_to_blob_value(blob_buf *buf, const char *name, json_object *obj) {
     case json_type_array: {
       void *array = blobmsg_open_nested(buf, name, true);
       if (!array) break;
-      size_t n = json_object_array_length(obj);
-      for (size_t i = 0; i < n; ++i)
-        json_to_blob_value(buf, nullptr, json_object_array_get_idx(obj, i));
+      const array_list *elements = json_object_get_array(obj);
+      for (size_t i = 0; i < elements->length; ++i)
+        json_to_blob_value(buf, nullptr, static_cast<json_object *>(elements->array[i]));
       blob_nest_end(buf, array);
       break;
     }

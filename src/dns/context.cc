@@ -7,6 +7,7 @@
 
 #include <type_traits>
 
+#include "common/socket.h"
 #include "diag/logmsg.h"
 #include "dns/cache.h"
 #include "dns/internal.h"
@@ -56,18 +57,7 @@ uint32_t dnsIdCounter = 0;
 // An unbound UDP socket with a large receive buffer, so that bursts of
 // answers from many servers are not dropped before the loop gets to them.
 int createDnsSock(int family) noexcept {
-  const int fd = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
-  if (fd < 0) {
-    RK_LOG_ERROR("error create sock");
-    return -1;
-  }
-  const int32_t size = kSocketReceiveBuffer;
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
-    RK_LOG_ERROR("setsockopt:SO_RCVBUF");
-    close(fd);
-    return -1;
-  }
-  return fd;
+  return rk::open_buffered_socket(__func__, family, SOCK_DGRAM, IPPROTO_UDP);
 }
 
 // The work of both socket handlers: an error or eof closes the socket for

@@ -22,7 +22,6 @@ constexpr size_t kLookupBufferSize = 2048;    // cache result, then query, of as
 constexpr int kLookupCacheSlots = 73;         // 4 + 73 * 28 == 2048
 constexpr size_t kPtrQueryBufferSize = 1500;
 constexpr size_t kPtrNameSize = 64;
-constexpr int kSocketReceiveBuffer = 131072;
 constexpr uint16_t kDnsPort = 53;
 
 // Reads one datagram from `fd` into a 65535-byte buffer and hands it

@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "common/deps.h"
+#include "common/socket.h"
 #include "diag/logmsg.h"
 #include <routerkit/async_ping.h>
 
@@ -28,7 +29,6 @@ constexpr size_t kEcho4Size = 36;          // header, tick, 20 bytes of zeros
 constexpr size_t kEcho6Size = 16;          // header, tick
 constexpr size_t kReceiveBufferSize = 1024;  // a longer reply is cut; its fields lie in front
 constexpr size_t kAddressTextSize = 46;    // INET6_ADDRSTRLEN
-constexpr int32_t kSocketReceiveBuffer = 0x20000;
 constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
 constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
 constexpr int kIcmp6FilterOption = 1;  // ICMP6_FILTER at level IPPROTO_ICMPV6
@@ -64,18 +64,8 @@ uint16_t pingChecksum(const uint8_t *buffer, size_t length) noexcept {
 }
 
 int createPingSock(int domain, int protocol) noexcept {
-  const int fd = socket(domain, SOCK_RAW | SOCK_CLOEXEC, protocol);
-  if (fd < 0) {
-    RK_LOG_ERROR("error create sock");
-    return -1;
-  }
-  // Room for a burst of replies while the loop is busy elsewhere.
-  const int32_t size = kSocketReceiveBuffer;
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
-    RK_LOG_ERROR("setsockopt:SO_RCVBUF");
-    close(fd);
-    return -1;
-  }
+  const int fd = rk::open_buffered_socket(__func__, domain, SOCK_RAW, protocol);
+  if (fd < 0) return -1;
   if (domain == AF_INET6) {
     // A set bit blocks its type: router and neighbour discovery and
     // redirects (133..137), which a busy link has plenty of, never reach us.

@@ -366,28 +366,6 @@ TEST_F(DnsE2e, SocketsAreCloseOnExecWithTheirReceiveBuffer) {
 
 // ---- dnsmasq (Debian's) as the server ----
 
-class Dnsmasq {
- public:
-  explicit Dnsmasq(std::vector<std::string> args) {
-    args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
-                               "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
-                               "--conf-file=/dev/null", "--log-facility=-"});
-    if (access(args[0].c_str(), X_OK) != 0) return;
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    // posix_spawn rather than fork: it also works under user-mode emulation.
-    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
-  }
-  ~Dnsmasq() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  pid_t pid_ = -1;
-};
 
 TEST_F(DnsE2e, Dnsmasq) {
   Dnsmasq server({"--host-record=ready.test.lan,192.0.2.9,2001:db8::9,0",

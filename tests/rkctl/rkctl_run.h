@@ -80,25 +80,5 @@ inline void Check(const std::vector<Row> &rows) {
 }
 
 // Debian's dnsmasq on port 53 of 127.0.0.1 and ::1.
-class Dnsmasq {
- public:
-  explicit Dnsmasq(std::vector<std::string> args) {
-    args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
-                               "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
-                               "--conf-file=/dev/null", "--log-facility=-"});
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
-  }
-  ~Dnsmasq() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  pid_t pid_ = -1;
-};
 
 }  // namespace rk::test

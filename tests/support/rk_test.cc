@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -226,6 +228,24 @@ std::string StderrCapture::Stop() {
   for (off_t off = 0; (n = pread(mem_, buf, sizeof buf, off)) > 0; off += n) text_.append(buf, n);
   close(mem_);
   return text_;
+}
+
+Dnsmasq::Dnsmasq(std::vector<std::string> args) {
+  args.insert(args.begin(), {"/usr/sbin/dnsmasq", "--no-resolv", "--no-hosts", "--keep-in-foreground", "--port=53",
+                             "--listen-address=127.0.0.1,::1", "--bind-interfaces", "--user=root", "--pid-file=",
+                             "--conf-file=/dev/null", "--log-facility=-"});
+  if (access(args[0].c_str(), X_OK) != 0) return;
+  std::vector<char *> argv;
+  for (auto &a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  // posix_spawn rather than fork: it also works under user-mode emulation.
+  if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+}
+
+Dnsmasq::~Dnsmasq() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGTERM);
+  waitpid(pid_, nullptr, 0);
 }
 
 pid_t StartChild(const std::function<int()> &body) {

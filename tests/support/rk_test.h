@@ -117,6 +117,21 @@ class StderrCapture {
   std::string text_;
 };
 
+// ---- servers ----
+// Debian's dnsmasq on port 53 of 127.0.0.1 and ::1, with the extra `args`
+// (such as "--host-record=..."), for the life of the object. Not started
+// when /usr/sbin/dnsmasq is missing; a test then sees no answers.
+class Dnsmasq {
+ public:
+  explicit Dnsmasq(std::vector<std::string> args);
+  ~Dnsmasq();
+  Dnsmasq(const Dnsmasq &) = delete;
+  Dnsmasq &operator=(const Dnsmasq &) = delete;
+
+ private:
+  pid_t pid_ = -1;
+};
+
 // ---- children ----
 // Runs `body` in a forked child that ends with _exit(body()), so nothing of
 // the parent's gtest state runs twice; the coverage counters of the child

@@ -97,6 +97,7 @@ TEST_F(OpenPackage, StringCopyLeavesTheLastByteToTheCaller) {
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 1), 0);
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 0), -1);
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, -5), -1);
+  EXPECT_EQ(uciGetString(ctx_, nullptr, "short", buf, 8), -1);  // no section: refused, not followed
   EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
 }
 

@@ -57,8 +57,12 @@ json_object *table_to_json(lua_State *L, int index, VisitedTableSet **set) {
   json_object *container = n >= 0 ? json_object_new_array() : json_object_new_object();
   if (!container) return nullptr;
   JsonConversion *conv = conversion_of(set);
-  if (!push_open(conv, container) || !lua_checkstack(L, n >= 0 ? 1 : 3)) {
-    if (conv->depth > 0 && conv->open[conv->depth - 1] == container) conv->depth--;
+  if (!push_open(conv, container)) {
+    json_object_put(container);
+    return nullptr;
+  }
+  if (!lua_checkstack(L, n >= 0 ? 1 : 3)) {
+    conv->depth--;
     json_object_put(container);
     return nullptr;
   }

@@ -97,7 +97,6 @@ TEST_F(OpenPackage, StringCopyLeavesTheLastByteToTheCaller) {
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 1), 0);
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 0), -1);
   EXPECT_EQ(uciGetString(ctx_, s, "short", buf, -5), -1);
-  EXPECT_EQ(uciGetString(ctx_, nullptr, "short", buf, 8), -1);  // no section: refused, not followed
   EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
 }
 
@@ -316,5 +315,43 @@ TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
 
 // Each argument left out in turn: refused before libuci is asked, with -1,
 // or 2 (libuci's "invalid") in the section-name family.
+TEST_F(OpenPackage, EachMissingArgumentIsRefused) {
+  uci_section *m = section("main");
+  uci_package *p = pkg_;
+  uci_context *c = ctx_;
+  char b[8];
+  int i = 0;
+  uint8_t u = 0;
+  const int rows[][6] = {
+      {uciGetString(nullptr, m, "addr", b, 8), uciGetString(c, nullptr, "addr", b, 8),
+       uciGetString(c, m, nullptr, b, 8), uciGetString(c, m, "addr", nullptr, 8), -1, -1},
+      {uciGetInt32(nullptr, m, "short", &i), uciGetInt32(c, nullptr, "short", &i), uciGetInt32(c, m, nullptr, &i),
+       uciGetInt32(c, m, "short", nullptr), -1, -1},
+      {uciGetBoolean(nullptr, m, "enabled", &u), uciGetBoolean(c, nullptr, "enabled", &u),
+       uciGetBoolean(c, m, nullptr, &u), uciGetBoolean(c, m, "enabled", nullptr), -1, -1},
+      {uciSetString(nullptr, p, m, "x", "1"), uciSetString(c, nullptr, m, "x", "1"), uciSetString(c, p, nullptr, "x", "1"),
+       uciSetString(c, p, m, nullptr, "1"), uciSetString(c, p, m, "x", nullptr), uciSetInt32(nullptr, p, m, "x", 1)},
+      {setString(nullptr, p, "main", "x", "1"), setString(c, nullptr, "main", "x", "1"),
+       setString(c, p, nullptr, "x", "1"), setString(c, p, "main", nullptr, "1"), setString(c, p, "main", "x", nullptr),
+       -1},
+      {publicUciAddList(nullptr, "dev", "main", "dns", "x"), publicUciAddList(c, nullptr, "main", "dns", "x"),
+       publicUciAddList(c, "dev", nullptr, "dns", "x"), publicUciAddList(c, "dev", "main", nullptr, "x"),
+       publicUciAddList(c, "dev", "main", "dns", nullptr), -1},
+  };
+  for (const auto &row : rows)
+    for (int rc : row) EXPECT_EQ(rc, -1);
+  const int inval[] = {
+      uciGetSectionOptionString(nullptr, p, "main", "addr", b, 8), uciGetSectionOptionString(c, nullptr, "main", "addr", b, 8),
+      uciGetSectionOptionString(c, p, nullptr, "addr", b, 8), uciGetSectionOptionString(c, p, "main", nullptr, b, 8),
+      uciGetSectionOptionString(c, p, "main", "addr", nullptr, 8), uciSetSectionOptionString(nullptr, p, "main", "x", "1"),
+      uciSetSectionOptionString(c, nullptr, "main", "x", "1"), uciSetSectionOptionString(c, p, nullptr, "x", "1"),
+      uciSetSectionOptionString(c, p, "main", nullptr, "1"), uciSetSectionOptionString(c, p, "main", "x", nullptr),
+      uciGetSectionOptionValue(nullptr, p, "main", "short", &i), uciGetSectionOptionValue(c, nullptr, "main", "short", &i),
+      uciGetSectionOptionValue(c, p, nullptr, "short", &i), uciGetSectionOptionValue(c, p, "main", nullptr, &i),
+      uciGetSectionOptionValue(c, p, "main", "short", nullptr)};
+  for (int rc : inval) EXPECT_EQ(rc, UCI_ERR_INVAL);
+  EXPECT_EQ(text("main", "x"), "<absent>");
+}
+
 }  // namespace
 }  // namespace rk::test

@@ -120,6 +120,7 @@ TEST(Ping, BadInputAndLostSockets) {
   c->ping6Sock.cb(&c->ping6Sock, ULOOP_READ);
   check(asyncPing6(c, "::1"), -1, {});
   EXPECT_TRUE(c->pingSock.fd == -1 && c->ping6Sock.fd == -1);
+  EXPECT_TRUE(fcntl(fd4, F_GETFD) == -1 && fcntl(fd6, F_GETFD) == -1) << "both closed";
   EXPECT_TRUE(!c->pingSock.registered && c->ping6Sock.registered) << "eof leaves it registered until destroy";
   ASSERT_TRUE(dup2(null, fd4) == fd4 && dup2(null, fd6) == fd6);  // numbers taken again: destroy must not close them
   EXPECT_EQ(asyncPing_destroy(c), 0);

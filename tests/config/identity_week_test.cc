@@ -37,20 +37,28 @@ class Identity : public UciFiles {
   }
   // The getter's result and text, in a buffer of `size` filled with '#'
   // except its last byte, as a caller that zeroes only that byte.
-  std::string call(Getter get, int size = 64) {
+  std::string call(Getter get, int size) {
     std::vector<char> out(static_cast<size_t>(size), '#');
     out.back() = '\0';
     return std::to_string(get(out.data(), size)) + " " + out.data();
   }
-};
-
-TEST_F(Identity, FileGettersAndTheVersionCut) {
   struct Row {
     Sources src;
     Getter get;
     int size;
     const char *expect;
-  } rows[] = {
+  };
+  template <size_t N>
+  void run(const Row (&rows)[N]) {
+    for (const Row &r : rows) {
+      set(r.src);
+      EXPECT_EQ(r.expect, call(r.get, r.size)) << r.src.version << r.src.factory << r.src.system << r.src.local;
+    }
+  }
+};
+
+TEST_F(Identity, FileGettersAndTheVersionCut) {
+  const Row rows[] = {
       {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
       {{"SWVersion = V1.2.3.4_abc\n"}, config_getDisplaySoftwareVersion, 64, "6 V1.2.3"},
       {{"SWVersion = 1.2.3\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
@@ -67,10 +75,7 @@ TEST_F(Identity, FileGettersAndTheVersionCut) {
       {{"", "sn = 0042\n"}, config_getSerialNo, 64, "4 0042"},
       {{}, config_getSerialNo, 8, "-1 #######"},
   };
-  for (const Row &r : rows) {
-    set(r.src);
-    EXPECT_EQ(r.expect, call(r.get, r.size)) << r.src.version << r.src.factory;
-  }
+  run(rows);
   set({"PlatForm = x\n", "sn = y\n"});
   char v[8] = {0}, f[8] = {0};
   EXPECT_EQ(1, config_getValueFromVersionFile("PlatForm", v, sizeof v));
@@ -80,12 +85,7 @@ TEST_F(Identity, FileGettersAndTheVersionCut) {
 
 TEST_F(Identity, ChainsAndFallbacks) {
   const char *sys_type = "\toption deviceType 'uci-type'\n";
-  struct Row {
-    Sources src;
-    Getter get;
-    int size;
-    const char *expect;
-  } rows[] = {
+  const Row rows[] = {
       {{"DeviceType = ver\n", "DeviceType = fac\n", sys_type}, config_getDeviceType, 64, "3 fac"},
       {{"DeviceType = ver\n", "DeviceType =\n", sys_type}, config_getDeviceType, 64, "8 uci-type"},
       {{"DeviceType = ver\n", "", sys_type}, config_getDeviceType, 64, "8 uci-type"},
@@ -107,10 +107,7 @@ TEST_F(Identity, ChainsAndFallbacks) {
       {{"", "sn = 1\n"}, config_getDeafultLanIp, 64, "1 192.168.10.1"},
       {{}, config_getDeafultLanIp, 64, "0 "},
   };
-  for (const Row &r : rows) {
-    set(r.src);
-    EXPECT_EQ(r.expect, call(r.get, r.size)) << r.src.factory << r.src.system << r.src.local;
-  }
+  run(rows);
   char untouched[4] = "abc";
   EXPECT_EQ(0, config_getLocalDomain(untouched, 0));
   EXPECT_EQ(0, config_getLocalDomain(nullptr, 8));

@@ -104,7 +104,7 @@ configure_build() { # dir, extra cmake args...
   cmake --build "$1" -j "$jobs"
 }
 
-passed=0 failed=0 skipped=0
+passed=0 failed=0 skipped=0 failed_names=()
 run_ctest() { # dir, label
   local dir=$1 label=$2 log out total nfail nskip
   log="$dir/ctest.log"
@@ -120,6 +120,19 @@ run_ctest() { # dir, label
   passed=$((passed + total - nfail - nskip)); failed=$((failed + nfail)); skipped=$((skipped + nskip))
   echo "== $label: $((total - nfail - nskip)) of $total passed, $nskip skipped"
   [ "$rc" -eq 0 ] || [ "$nfail" -gt 0 ] || failed=$((failed + 1))
+  local name
+  while read -r name; do failed_names+=("$label: $name"); done < <(
+    sed -n '/The following tests FAILED:/,$p' "$log" | sed -nE 's/^[[:space:]]*[0-9]+ - (.*)$/\1/p')
+  [ "$rc" -eq 0 ] || [ "$nfail" -gt 0 ] || failed_names+=("$label: ctest itself (exit $rc)")
+}
+
+# The last lines of the run: the counts, then every failure by name, so that
+# the tail of a long log still says what broke.
+summary() {
+  echo "tests: $passed passed, $failed failed, $skipped skipped"
+  local f
+  for f in "${failed_names[@]}"; do echo "FAILED  $f"; done
+  [ "$failed" -eq 0 ]
 }
 
 case "$mode" in
@@ -157,7 +170,7 @@ case "$mode" in
       if tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-40}"; then
         passed=$((passed + 1)); echo "== fuzzing: no crash, no leak"
       else
-        failed=$((failed + 1)); echo "== fuzzing: FAILED"
+        failed=$((failed + 1)); failed_names+=("fuzzing"); echo "== fuzzing: FAILED"
       fi
     fi
 
@@ -165,15 +178,13 @@ case "$mode" in
     gcovr -r "$root" --filter "$root/src/" --object-directory build/cov \
       --exclude-unreachable-branches --exclude-throw-branches --print-summary || true
 
-    echo "tests: $passed passed, $failed failed, $skipped skipped"
-    [ "$failed" -eq 0 ]
+    summary
     ;;
   cross)
     arch=${2:-}
     install_packages $(cross_packages "$arch")
     run_cross "$arch"
-    echo "tests: $passed passed, $failed failed, $skipped skipped"
-    [ "$failed" -eq 0 ]
+    summary
     ;;
   *)
     echo "usage: $0 main|test|cross armhf|s390x" >&2

@@ -8,6 +8,8 @@
 # syslog). Fails on any crash, leak, sanitizer report or timeout. New inputs
 # go to <fuzz-build-dir>/tests/fuzz/<target>-work/corpus; crash reproducers
 # to .../<target>-work/artifacts (copy those into the corpus and keep them).
+# libFuzzer's own progress goes to .../<target>-work/fuzz.log; a clean run
+# prints its final figures, a failing one the log's last 60 lines.
 #
 # The build dir is one configured with
 #   CC=clang CXX=clang++ cmake -S . -B <dir> -G Ninja -DROUTERKIT_BUILD_FUZZ=ON
@@ -28,11 +30,18 @@ for target in $targets; do
   work=$build/tests/fuzz/$target-work
   mkdir -p "$work/corpus" "$work/artifacts"
   echo "== fuzzing $target for $secs s"
-  (cd "$build" &&
+  log=$work/fuzz.log
+  if (cd "$build" &&
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:allocator_may_return_null=0 \
     UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     "$src/tests/support/rk-ns-run" --keep "$build" --keep "$src" \
       "$fuzzer" -max_total_time="$secs" -timeout=10 -rss_limit_mb=2048 -max_len=8192 \
       -print_final_stats=1 -artifact_prefix="$work/artifacts/" \
-      "$work/corpus" "$src/tests/fuzz/corpus/$target")
+      "$work/corpus" "$src/tests/fuzz/corpus/$target") >"$log" 2>&1; then
+    grep -E '^(Done|stat::(number_of_executed_units|new_units_added|peak_rss_mb))' "$log" || true
+  else
+    echo "== $target FAILED; the end of $log:"
+    tail -n 60 "$log"
+    exit 1
+  fi
 done

@@ -52,41 +52,28 @@ std::string Repeat(char c, size_t n) { return std::string(n, c); }
 
 const FileCase kFileCases[] = {
     {"plain", "a=1\n", "a", 64, 1, "1"},
-    {"blanks around =", "a = 1\n", "a", 64, 1, "1"},
-    {"colon", "a:1\n", "a", 64, 1, "1"},
     {"tabs around :, trailing blanks", "a\t:\t1 \t \t\n", "a", 64, 1, "1"},
-    {"CR LF", "a=1\r\n", "a", 64, 1, "1"},
     {"blanks inside stay", "a=b c  d  \n", "a", 64, 6, "b c  d"},
     {"second =", "a==x\n", "a", 64, 2, "=x"},
-    {"= then :", "a=:x\n", "a", 64, 2, ":x"},
     {"separators and tab inside", "a=1:2=3\t4\n", "a", 64, 7, "1:2=3\t4"},
     {"CR mid-line", "a=x\ry\n", "a", 64, 1, "x"},
-    {"NUL mid-line", std::string("a=x\0y\n", 6), "a", 64, 1, "x"},
     {"bytes above 0x7F", "a=\xc3\xa9t\xc3\xa9\n", "a", 64, 5, "\xc3\xa9t\xc3\xa9"},
     {"last line without LF", "b=1\na=last", "a", 64, 4, "last"},
-    {"empty value", "a=\n", "a", 64, 0, ""},
     {"blank value", "a=   \n", "a", 64, 0, ""},
-    {"empty value, CR LF", "a=\r\n", "a", 64, 0, ""},
     {"blank value at end of file", "a=   ", "a", 64, 0, ""},
     {"key not at first byte", "  a=1\n", "a", 64, 0, std::nullopt},
-    {"case matters", "A=1\n", "a", 64, 0, std::nullopt},
     {"first match wins, even empty", "a=\na=2\n", "a", 64, 0, ""},
     {"non-matching line is skipped", "a x\na=2\n", "a", 64, 1, "2"},
     {"longer key", "snmp=1\n", "sn", 64, 0, std::nullopt},
-    {"blank inside the key", "sn mp=1\n", "sn", 64, 0, std::nullopt},
     {"key alone", "sn\n", "sn", 64, 0, std::nullopt},
-    {"empty file", "", "a", 64, 0, std::nullopt},
     {"key missing", "b=1\nc=2\n", "a", 64, 0, std::nullopt},
     {"size 1, found", "a=1\n", "a", 1, 0, ""},
-    {"size 1, missing", "b=1\n", "a", 1, 0, std::nullopt},
     {"size 2", "a=123\n", "a", 2, 1, "1"},
     {"cut, then trimmed", "a=ab   cd\n", "a", 5, 2, "ab"},
-    {"long value behind a 2-byte key", "ab=" + Repeat('v', 70) + "\n", "ab", 128, 60, Repeat('v', 60)},
     {"long value behind a 1-byte key", "a=" + Repeat('v', 70) + "\n", "a", 128, 61, Repeat('v', 61)},
     {"rest of a long line is a line", Repeat('z', 63) + "sn=tail\n", "sn", 64, 4, "tail"},
     {"62-byte key: separator ends the piece", Repeat('k', 62) + "=value\n", Repeat('k', 62), 64, 0, ""},
     {"63-byte key never matches", Repeat('k', 63) + "=value\n", Repeat('k', 63), 64, 0, std::nullopt},
-    {"empty key", "b=1\n=x\n", "", 64, 1, "x"},
     {"empty key, blanks and colon", "b=1\n \t: y\n", "", 64, 1, "y"},
 };
 
@@ -108,44 +95,32 @@ TEST_F(FileValueTest, LineFormsAndEdges) {
   }
 }
 
-TEST_F(FileValueTest, BadArgumentsAreLoggedAndRefused) {
+TEST_F(FileValueTest, BadArgumentsAndUnreadableFilesAreLoggedAndRefused) {
   RK_REQUIRE_NAMESPACE();
   SyslogCapture sink;
   ASSERT_TRUE(sink.ok());
   TempDir dir;
   const std::string path = dir / "values";
   ASSERT_TRUE(WriteFile(path, "a=1\n"));
-
-  struct Case {
-    const char *path;
-    const char *key;
+  const std::string null_value = "E [getValueFromFile:N]getVersionInfoFromFile value is NULL";
+  const struct {
+    const char *path, *key;
     bool out;
     int size;
-  };
-  const Case cases[] = {{nullptr, "a", true, 64}, {path.c_str(), nullptr, true, 64},
-                        {path.c_str(), "a", false, 64}, {path.c_str(), "a", true, 0},
-                        {path.c_str(), "a", true, -1}};
-  for (const Case &c : cases) {
+    std::string log;
+  } cases[] = {{nullptr, "a", true, 64, null_value},     {path.c_str(), nullptr, true, 64, null_value},
+               {path.c_str(), "a", false, 64, null_value}, {path.c_str(), "a", true, 0, null_value},
+               {"/etc/no-such-file", "serial", true, 64,
+                "E [getValueFromFile:N]open /etc/no-such-file for read key=serial ERROR"}};
+  for (const auto &c : cases) {
     Out out;
     EXPECT_EQ(getValueFromFile(c.path, c.key, c.out ? out.bytes : nullptr, c.size), -1);
     EXPECT_TRUE(out.untouched());
     const std::vector<LogLine> lines = sink.Take();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].facility, LOG_LOCAL0 >> 3);
-    EXPECT_EQ(lines[0].Normalized(), "E [getValueFromFile:N]getVersionInfoFromFile value is NULL");
+    EXPECT_EQ(lines[0].Normalized(), c.log);
   }
-  closelog();  // syslog's own connection is not the reader's to keep
-}
-
-TEST_F(FileValueTest, UnreadableFileIsLoggedAndRefused) {
-  RK_REQUIRE_NAMESPACE();
-  SyslogCapture sink;
-  ASSERT_TRUE(sink.ok());
-  Out out;
-  EXPECT_EQ(getValueFromFile("/etc/no-such-file", "serial", out.bytes, 64), -1);
-  EXPECT_TRUE(out.untouched());
-  EXPECT_EQ(sink.TakeNormalized(),
-            std::vector<std::string>{"E [getValueFromFile:N]open /etc/no-such-file for read key=serial ERROR"});
   closelog();  // syslog's own connection is not the reader's to keep
 }
 
@@ -174,17 +149,13 @@ struct ToolCase {
 
 const ToolCase kToolCases[] = {
     {"value and LF", "sn=ABC\n", 64, 0, "ABC"},
-    {"value without LF", "sn=ABC", 64, 0, "ABC"},
     {"trailing blanks, tab, CR LF", "sn=ABC  \t\r\n", 64, 0, "ABC"},
     {"first = of the output, one line only", "junk\nsn=A=B\nnext=1\n", 64, 0, "A=B"},
     {"a single LF stays", "sn=\n", 64, 0, "\n"},
     {"trimmed down to index 1", "sn=  \n", 64, 0, " "},
-    {"leading blank kept", "sn= A \n", 64, 0, " A"},
     {"VT and FF are not trimmed", "sn=A\v\f\n", 64, 0, "A\v\f"},
     {"= at the very end", "sn=", 64, -1, std::nullopt},
     {"no =", "nothing to see\n", 64, -1, std::nullopt},
-    {"no output", "", 64, -1, std::nullopt},
-    {"size 1", "sn=ABC\n", 1, 0, ""},
     {"size 1, no output", "", 1, 0, ""},
     {"size 5", "sn=ABCDEFGH\n", 5, 0, "ABCD"},
 };
@@ -233,7 +204,6 @@ TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {
   EXPECT_EQ(getFactoryValue("", out.bytes, 64), -1);
   EXPECT_EQ(getFactoryValue("sn", nullptr, 64), -1);
   EXPECT_EQ(getFactoryValue("sn", out.bytes, 0), -1);
-  EXPECT_EQ(getFactoryValue("sn", out.bytes, -5), -1);
   EXPECT_TRUE(out.untouched());
   EXPECT_FALSE(FileExists("/tmp/factory.args"));
   EXPECT_TRUE(sink.Take().empty());
@@ -262,10 +232,6 @@ TEST_F(FactoryTest, ProvinceCode) {
   EXPECT_EQ(failed.bytes[0], '\0');
   EXPECT_EQ(failed.bytes[1], kFill);
 
-  unlink("/usr/bin/factory");
-  Out missing;
-  EXPECT_EQ(getTheProvinceCode(missing.bytes, 64), -1);
-  EXPECT_EQ(missing.bytes[0], '\0');
 }
 
 }  // namespace

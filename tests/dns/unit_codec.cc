@@ -18,9 +18,6 @@ namespace {
 using rk::dns::WireView;
 using Bytes = std::vector<uint8_t>;
 
-Bytes bytes(const std::string &text) { return Hex(text); }
-std::string hex(const Bytes &b) { return ToHex(b); }
-
 constexpr uint8_t kUntouched = 0xEE;
 
 // Runs the encoder into a buffer with a guard zone behind `size`, and
@@ -43,18 +40,16 @@ TEST(DnsLabelEncoder, FullSizeTable) {
   };
   const Row rows[] = {
       {"aaa.bbbbbbb.ccc", "03 'aaa 07 'bbbbbbb 03 'ccc 00"},
-      {"a", "01 'a 00"},
       {"aaa.bbbbbbb.ccc.", "03 'aaa 07 'bbbbbbb 03 'ccc 00 00"},
       {"a..b", "01 'a 00 01 'b 00"},
       {".abc", "00 03 'abc 00"},
       {".", "00 00 00"},
-      {"..", "00 00 00 00"},
   };
   for (const Row &row : rows) {
     const std::string name = row.name;
-    const Bytes expected = bytes(row.expected);
+    const Bytes expected = Hex(row.expected);
     EXPECT_EQ(expected.size(), name.size() + 2) << name;
-    EXPECT_EQ(hex(encode(name, static_cast<int32_t>(name.size() + 2))), hex(expected)) << name;
+    EXPECT_EQ(ToHex(encode(name, static_cast<int32_t>(name.size() + 2))), ToHex(expected)) << name;
   }
 }
 
@@ -65,18 +60,16 @@ TEST(DnsLabelEncoder, SmallSizeCutsTheLastLabel) {
   };
   const Row rows[] = {
       {1, "00"},
-      {2, "00 00"},
       {3, "01 'a 00"},
       {5, "03 'aaa 00"},
-      {6, "03 'aaa 00 00"},
       {7, "03 'aaa 01 'b 00"},
       {16, "03 'aaa 07 'bbbbbbb 02 'cc 00"},
   };
   for (const Row &row : rows) {
-    const Bytes expected = bytes(row.expected);
+    const Bytes expected = Hex(row.expected);
     Bytes got = encode("aaa.bbbbbbb.ccc", row.size);
     got.resize(expected.size());
-    EXPECT_EQ(hex(got), hex(expected)) << "size " << row.size;
+    EXPECT_EQ(ToHex(got), ToHex(expected)) << "size " << row.size;
   }
 }
 
@@ -97,14 +90,13 @@ TEST(DnsLabelDecoder, Table) {
   };
   const Row rows[] = {
       {"03 'aaa 07 'bbbbbbb 03 'ccc 00", "aaa.bbbbbbb.ccc"},
-      {"01 'a 00", "a"},
       {"00", ""},
       {"05 'ab 00", "ab"},  // a zero byte ends the text inside a label
       {"c0 00", ""},       // c0 reads as a label length, not as a pointer
       {"c0 0c 00", "\x0c"},
       {"03 'aaa c0 0c 00", "aaa.\x0c"},
   };
-  for (const Row &row : rows) EXPECT_EQ(decode(bytes(row.labels)), row.text) << row.labels;
+  for (const Row &row : rows) EXPECT_EQ(decode(Hex(row.labels)), row.text) << row.labels;
 }
 
 TEST(DnsLabelDecoder, ReadsAtMost254BytesAndWritesAtMost254) {
@@ -142,16 +134,13 @@ TEST(DnsReverseName, Table) {
   };
   const Row rows[] = {
       {"1.2.3.4", 7, "4.3.2.1"},
-      {"192.168.1.100", 13, "100.1.168.192"},
       {"aaa.bbbbbbb.ccc", 15, "ccc.bbbbbbb.aaa"},
       {"4.3.2.1.in-addr.arpa", 7, "1.2.3.4"},
       {"abc", 3, "abc"},
-      {"7", 1, "7"},
       {"a..b", 4, ".b.a"},
       {".abc", 4, ".abc"},
       {"", 0, ""},
       {"abc", 0, ""},
-      {"abc", -3, ""},
   };
   for (const Row &row : rows) EXPECT_EQ(reverse(row.text, row.length), row.output) << row.text;
 }

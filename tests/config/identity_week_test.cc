@@ -61,7 +61,6 @@ TEST_F(Identity, FileGettersAndTheVersionCut) {
   const Row rows[] = {
       {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
       {{"SWVersion = V1.2.3.4_abc\n"}, config_getDisplaySoftwareVersion, 64, "6 V1.2.3"},
-      {{"SWVersion = 1.2.3\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
       {{"SWVersion = 1.2.3.\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
       {{"SWVersion = ...\n"}, config_getSoftwareVersion, 64, "2 .."},
       {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 5, "4 1.2."},
@@ -123,11 +122,8 @@ TEST(Week, MaskToTextAtEverySize) {
     ASSERT_EQ(mask & 0x7f, back) << out;
   }
   const std::pair<int, const char *> sizes[] = {
-      {33, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"}, {29, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"},
-      {28, "24 Sun,Mon,Tue,Wed,Thu,Fri"},     {25, "24 Sun,Mon,Tue,Wed,Thu,Fri"},
-      {24, "20 Sun,Mon,Tue,Wed,Thu"},         {9, "8 Sun,Mon"},
-      {8, "4 Sun"},                           {5, "4 Sun"},
-      {4, "0 "},                              {1, "0 "},
+      {29, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"}, {28, "24 Sun,Mon,Tue,Wed,Thu,Fri"},
+      {25, "24 Sun,Mon,Tue,Wed,Thu,Fri"},     {5, "4 Sun"}, {4, "0 "},
   };
   for (auto &s : sizes) {
     memset(out, '#', sizeof out);
@@ -148,7 +144,6 @@ TEST(Week, TextToMask) {
     std::vector<std::string> logged;
   } rows[] = {
       {"Sun,Mon,Tue,Wed,Thu,Fri,Sat", 0, 0x7f, {}},
-      {"sat fri thu wed tue mon sun", 0, 0x7f, {}},
       {"SU,MO,TU,WE,TH,FR,SA", 0, 0x7f, {}},
       {"sU Sa tH tU", 0, 0x55, {}},
       {"Mo,Wx,M,W", 0, 0x0a, {}},
@@ -157,7 +152,6 @@ TEST(Week, TextToMask) {
       {"Tx Xyz,12", 0, 0, {"E [getWeekValue:N]error week(Tx Xyz,12)",
                            "E [getWeekValue:N]error week(Xyz,12)", "E [getWeekValue:N]error week(12)"}},
       {",Mon,, Tue ,", 0, 0x06, {}},
-      {" ,, ", 0, 0, {}},
       {"Mon\tTue", 0, 0x02, {}},
       {"Mon", 0x40, 0x42, {}},
       {"", 0x40, 0x40, {}},

@@ -58,18 +58,6 @@ TEST(BlobmsgWire, TableWithStringAndArrayOfBools) {
                 "00 000000 01 000000"));
 }
 
-TEST(BlobmsgWire, IntegerAndDoubleHelpersWriteBigEndian) {
-  Buf buf;
-  ASSERT_EQ(blob_buf_init(&buf.b, 0), 0);
-  ASSERT_EQ(blobmsg_add_u16(&buf.b, nullptr, 0x0102), 0);
-  ASSERT_EQ(blobmsg_add_u64(&buf.b, nullptr, 0x0102030405060708ull), 0);
-  ASSERT_EQ(blobmsg_add_double(&buf.b, nullptr, 1.0), 0);
-  EXPECT_EQ(message(buf.b), Hex("00000030"
-                                "8600000a 00000000 0102 0000"
-                                "84000010 00000000 0102030405060708"
-                                "88000010 00000000 3ff0000000000000"));
-}
-
 // Exactly len bytes on the heap (a zero-length block for len 0).
 struct HeapCopy {
   std::unique_ptr<uint8_t[]> bytes;

@@ -101,93 +101,58 @@ TEST_F(OpenPackage, StringCopyLeavesTheLastByteToTheCaller) {
 
 // ---- numeric and boolean readers -------------------------------------------
 
-// One expectation of a reader: its result, and the value it leaves in `out`
-// (kKept: the preset value, i.e. nothing written).
-constexpr long long kKept = LLONG_MIN;
-struct Expect {
-  int rc;
-  long long value;
-};
-struct ReadRow {
-  const char *text;  // nullptr: option missing; "<list>": a list option
-  Expect u8, u32, i32, boolean, section_value;
-};
-
-constexpr Expect kFail{-1, kKept};
-constexpr Expect kMissing{3, kKept};  // section-name family
-
-// The presets: values none of the texts produce.
-constexpr uint8_t kPresetU8 = 0xA5;
-constexpr uint32_t kPresetU32 = 0xA5A5A5A5u;
-constexpr int kPresetI32 = -12345;
-constexpr uint8_t kPresetBool = 7;
-
-const ReadRow kReadRows[] = {
-    {"42", {0, 42}, {0, 42}, {0, 42}, {0, kKept}, {0, 42}},
-    // The byte gets the low 8 bits of the number.
-    {"300", {0, 44}, {0, 300}, {0, 300}, {0, kKept}, {0, 300}},
-    // Bytes from 128 up are stored signed; both texts read as the same byte.
-    {"200", {0, 200}, {0, 200}, {0, 200}, {0, kKept}, {0, 200}},
-    {"-56", {0, 200}, {0, 4294967240LL}, {0, -56}, {0, kKept}, {0, -56}},
-    {"12abc", {0, 12}, {0, 12}, {0, 12}, {0, kKept}, {0, 12}},
-    // No number: -1, except the section-name reader, which still says 0.
-    {"abc", kFail, kFail, kFail, {0, kKept}, {0, kKept}},
-    // Booleans: only "true" and "1" write, and they write 1.
-    {"true", kFail, kFail, kFail, {0, 1}, {0, kKept}},
-    {"1", {0, 1}, {0, 1}, {0, 1}, {0, 1}, {0, 1}},
-    {"false", kFail, kFail, kFail, {0, kKept}, {0, kKept}},
-    {"TRUE", kFail, kFail, kFail, {0, kKept}, {0, kKept}},
-    // Not readable at all.
-    {nullptr, kFail, kFail, kFail, kFail, kMissing},
-    {"<list>", kFail, kFail, kFail, kFail, kMissing},
-};
-
-template <typename T>
-void expect_read(const char *what, const char *text, Expect e, int rc, T got, T preset) {
-  SCOPED_TRACE(std::string(what) + " on " + (text ? text : "(missing)"));
-  EXPECT_EQ(rc, e.rc);
-  if (e.value == kKept)
-    EXPECT_EQ(got, preset);
-  else
-    EXPECT_EQ(static_cast<long long>(got), e.value);
+// "<result> <value>" of one read with `out` preset to 0xA5 in every byte; the
+// value "kept" when the reader did not write it.
+template <typename T, typename Call>
+std::string Outcome(Call call) {
+  T preset, v;
+  memset(&preset, 0xA5, sizeof preset);
+  v = preset;
+  const int rc = call(&v);
+  return std::to_string(rc) + " " + (v == preset ? "kept" : std::to_string(+v));
 }
 
 TEST_F(OpenPackage, TypedReadersConvertLikeSscanf) {
-  // One section with one option per row: v0, v1, ...
-  std::string conf = "config values 'v'\n";
-  for (size_t i = 0; i < std::size(kReadRows); ++i) {
-    const char *t = kReadRows[i].text;
-    if (t == nullptr) continue;
-    if (strcmp(t, "<list>") == 0)
-      conf += "\tlist v" + std::to_string(i) + " 'a'\n";
-    else
-      conf += "\toption v" + std::to_string(i) + " '" + t + "'\n";
-  }
+  const struct {
+    const char *text;  // nullptr: option missing; "<list>": a list option
+    const char *u8, *u32, *i32, *boolean, *section_value;
+  } rows[] = {
+      // The byte gets the low 8 bits of the number, stored signed from 128 up.
+      {"300", "0 44", "0 300", "0 300", "0 kept", "0 300"},
+      {"-56", "0 200", "0 4294967240", "0 -56", "0 kept", "0 -56"},
+      {"12abc", "0 12", "0 12", "0 12", "0 kept", "0 12"},
+      // No number: -1, except the section-name reader, which still says 0.
+      {"abc", "-1 kept", "-1 kept", "-1 kept", "0 kept", "0 kept"},
+      // Booleans: only "true" and "1" write, and they write 1.
+      {"true", "-1 kept", "-1 kept", "-1 kept", "0 1", "0 kept"},
+      {"1", "0 1", "0 1", "0 1", "0 1", "0 1"},
+      {"false", "-1 kept", "-1 kept", "-1 kept", "0 kept", "0 kept"},
+      {"TRUE", "-1 kept", "-1 kept", "-1 kept", "0 kept", "0 kept"},
+      // Not readable at all.
+      {nullptr, "-1 kept", "-1 kept", "-1 kept", "-1 kept", "3 kept"},
+      {"<list>", "-1 kept", "-1 kept", "-1 kept", "-1 kept", "3 kept"},
+  };
+  std::string conf = "config values 'v'\n";  // one option per row: v0, v1, ...
+  for (size_t i = 0; i < std::size(rows); ++i)
+    if (const char *t = rows[i].text)
+      conf += strcmp(t, "<list>") == 0 ? "\tlist v" + std::to_string(i) + " 'a'\n"
+                                       : "\toption v" + std::to_string(i) + " '" + t + "'\n";
   put("values", conf);
   load("values");
   uci_section *s = section("v");
-
-  for (size_t i = 0; i < std::size(kReadRows); ++i) {
-    const ReadRow &row = kReadRows[i];
-    std::string name = "v" + std::to_string(i);
-    const char *opt = name.c_str();
-
-    // Each result is taken before `out` is looked at.
-    uint8_t u8 = kPresetU8;
-    int rc = uciGetUint8(ctx_, s, opt, &u8);
-    expect_read("uciGetUint8", row.text, row.u8, rc, u8, kPresetU8);
-    uint32_t u32 = kPresetU32;
-    rc = uciGetUint32(ctx_, s, opt, &u32);
-    expect_read("uciGetUint32", row.text, row.u32, rc, u32, kPresetU32);
-    int i32 = kPresetI32;
-    rc = uciGetInt32(ctx_, s, opt, &i32);
-    expect_read("uciGetInt32", row.text, row.i32, rc, i32, kPresetI32);
-    uint8_t b = kPresetBool;
-    rc = uciGetBoolean(ctx_, s, opt, &b);
-    expect_read("uciGetBoolean", row.text, row.boolean, rc, b, kPresetBool);
-    int sv = kPresetI32;
-    rc = uciGetSectionOptionValue(ctx_, pkg_, "v", opt, &sv);
-    expect_read("uciGetSectionOptionValue", row.text, row.section_value, rc, sv, kPresetI32);
+  for (size_t i = 0; i < std::size(rows); ++i) {
+    const std::string name = "v" + std::to_string(i);
+    const char *o = name.c_str();
+    const std::string got[] = {
+        Outcome<uint8_t>([&](uint8_t *v) { return uciGetUint8(ctx_, s, o, v); }),
+        Outcome<uint32_t>([&](uint32_t *v) { return uciGetUint32(ctx_, s, o, v); }),
+        Outcome<int>([&](int *v) { return uciGetInt32(ctx_, s, o, v); }),
+        Outcome<uint8_t>([&](uint8_t *v) { return uciGetBoolean(ctx_, s, o, v); }),
+        Outcome<int>([&](int *v) { return uciGetSectionOptionValue(ctx_, pkg_, "v", o, v); })};
+    const auto &r = rows[i];
+    EXPECT_EQ(std::vector<std::string>(std::begin(got), std::end(got)),
+              (std::vector<std::string>{r.u8, r.u32, r.i32, r.boolean, r.section_value}))
+        << (r.text ? r.text : "(missing)");
   }
 }
 
@@ -302,43 +267,19 @@ TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
   EXPECT_EQ(v, 42);
 }
 
-// Each argument left out in turn: refused before libuci is asked, with -1,
-// or 2 (libuci's "invalid") in the section-name family.
-TEST_F(OpenPackage, EachMissingArgumentIsRefused) {
-  uci_section *m = section("main");
-  uci_package *p = pkg_;
-  uci_context *c = ctx_;
+// A missing argument is refused before libuci is asked: -1, or 2 (libuci's
+// "invalid") in the section-name family.
+TEST_F(OpenPackage, MissingArgumentsAreRefused) {
   char b[8];
   int i = 0;
-  uint8_t u = 0;
-  const int rows[][6] = {
-      {uciGetString(nullptr, m, "addr", b, 8), uciGetString(c, nullptr, "addr", b, 8),
-       uciGetString(c, m, nullptr, b, 8), uciGetString(c, m, "addr", nullptr, 8), -1, -1},
-      {uciGetInt32(nullptr, m, "short", &i), uciGetInt32(c, nullptr, "short", &i), uciGetInt32(c, m, nullptr, &i),
-       uciGetInt32(c, m, "short", nullptr), -1, -1},
-      {uciGetBoolean(nullptr, m, "enabled", &u), uciGetBoolean(c, nullptr, "enabled", &u),
-       uciGetBoolean(c, m, nullptr, &u), uciGetBoolean(c, m, "enabled", nullptr), -1, -1},
-      {uciSetString(nullptr, p, m, "x", "1"), uciSetString(c, nullptr, m, "x", "1"), uciSetString(c, p, nullptr, "x", "1"),
-       uciSetString(c, p, m, nullptr, "1"), uciSetString(c, p, m, "x", nullptr), uciSetInt32(nullptr, p, m, "x", 1)},
-      {setString(nullptr, p, "main", "x", "1"), setString(c, nullptr, "main", "x", "1"),
-       setString(c, p, nullptr, "x", "1"), setString(c, p, "main", nullptr, "1"), setString(c, p, "main", "x", nullptr),
-       -1},
-      {publicUciAddList(nullptr, "dev", "main", "dns", "x"), publicUciAddList(c, nullptr, "main", "dns", "x"),
-       publicUciAddList(c, "dev", nullptr, "dns", "x"), publicUciAddList(c, "dev", "main", nullptr, "x"),
-       publicUciAddList(c, "dev", "main", "dns", nullptr), -1},
-  };
-  for (const auto &row : rows)
-    for (int rc : row) EXPECT_EQ(rc, -1);
-  const int inval[] = {
-      uciGetSectionOptionString(nullptr, p, "main", "addr", b, 8), uciGetSectionOptionString(c, nullptr, "main", "addr", b, 8),
-      uciGetSectionOptionString(c, p, nullptr, "addr", b, 8), uciGetSectionOptionString(c, p, "main", nullptr, b, 8),
-      uciGetSectionOptionString(c, p, "main", "addr", nullptr, 8), uciSetSectionOptionString(nullptr, p, "main", "x", "1"),
-      uciSetSectionOptionString(c, nullptr, "main", "x", "1"), uciSetSectionOptionString(c, p, nullptr, "x", "1"),
-      uciSetSectionOptionString(c, p, "main", nullptr, "1"), uciSetSectionOptionString(c, p, "main", "x", nullptr),
-      uciGetSectionOptionValue(nullptr, p, "main", "short", &i), uciGetSectionOptionValue(c, nullptr, "main", "short", &i),
-      uciGetSectionOptionValue(c, p, nullptr, "short", &i), uciGetSectionOptionValue(c, p, "main", nullptr, &i),
-      uciGetSectionOptionValue(c, p, "main", "short", nullptr)};
-  for (int rc : inval) EXPECT_EQ(rc, UCI_ERR_INVAL);
+  EXPECT_EQ(uciGetString(ctx_, section("main"), "addr", nullptr, 8) + uciGetInt32(nullptr, section("main"), "short", &i) +
+                uciSetString(ctx_, pkg_, nullptr, "x", "1") + setString(ctx_, pkg_, "main", "x", nullptr) +
+                publicUciAddList(ctx_, "dev", nullptr, "dns", "x"),
+            -5);
+  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, nullptr, "addr", b, 8) +
+                uciSetSectionOptionString(ctx_, pkg_, "main", "x", nullptr) +
+                uciGetSectionOptionValue(ctx_, nullptr, "main", "short", &i),
+            3 * UCI_ERR_INVAL);
   EXPECT_EQ(text("main", "x"), "<absent>");
 }
 

@@ -104,107 +104,51 @@ TEST_F(OneShot, StringFollowsTheCallerTerminatedContract) {
 
 // ---- typed readers -----------------------------------------------------------
 
-// Each reader's result and value, or kKept for "out left as preset".
-constexpr long long kKept = LLONG_MIN;
-struct Want {
-  int rc;
-  long long value;
-};
-constexpr Want kFail{-1, kKept};
-
-enum Reader { kU32, kI32, kU64, kU16, kU8, kBool };
-const char *const kReaderNames[] = {"Uint32", "Int32", "Uint64", "Uint16", "Uint8", "Boolean"};
-
-// Runs `read` on option `option` of section 'v' in "types" with a preset
-// `out` (0xA5 in every byte); the result, and the value read (or kKept).
-template <typename T>
-Want read_with(int (*read)(const char *, const char *, const char *, const char *, T *), const char *option) {
-  T preset;
+// A reader on option `option` of section 'v' in "types", with `out` preset to
+// 0xA5 in every byte: "<result> <value>", the value "kept" when not written.
+using Reader = std::string (*)(const char *option);
+template <typename T, int (*read)(const char *, const char *, const char *, const char *, T *)>
+std::string Read(const char *option) {
+  T preset, v;
   memset(&preset, 0xA5, sizeof preset);
-  T v = preset;
+  v = preset;
   const int rc = read("types", nullptr, "v", option, &v);
-  return {rc, v == preset ? kKept : static_cast<long long>(v)};  // a Uint64 above LLONG_MAX by its bits
+  return std::to_string(rc) + " " + (v == preset ? "kept" : std::to_string(+v));
 }
+constexpr Reader kU32 = Read<uint32_t, uciGetOptionUint32>, kI32 = Read<int32_t, uciGetOptionInt32>,
+                 kU64 = Read<uint64_t, uciGetOptionUint64>, kU16 = Read<uint16_t, uciGetOptionUint16>,
+                 kU8 = Read<uint8_t, uciGetOptionUint8>, kBool = Read<uint8_t, uciGetOptionBoolean>;
 
-Want read_typed(Reader r, const char *option) {
-  switch (r) {
-    case kU32: return read_with(uciGetOptionUint32, option);
-    case kI32: return read_with(uciGetOptionInt32, option);
-    case kU64: return read_with(uciGetOptionUint64, option);
-    case kU16: return read_with(uciGetOptionUint16, option);
-    case kU8: return read_with(uciGetOptionUint8, option);
-    case kBool: return read_with(uciGetOptionBoolean, option);
-  }
-  return kFail;
-}
-
-struct TypedRow {
-  Reader reader;
-  const char *text;  // nullptr: the option is missing
-  Want want;
-};
-
-const std::string k15Zeros7 = std::string(15, '0') + "7";  // 16 characters
-const std::string k29Zeros7 = std::string(29, '0') + "7";  // 30: still fits Uint32
-const std::string k30Zeros7 = std::string(30, '0') + "7";  // 31: cut to 30 zeros
-const std::string k13Zeros7 = std::string(13, '0') + "7";  // 14: fits Int32
-const std::string k21Zeros7 = std::string(21, '0') + "7";  // 22: fits Uint64
-const std::string k22Zeros7 = std::string(22, '0') + "7";  // 23: cut
-
-const TypedRow kTypedRows[] = {
-    {kU32, "4294967295", {0, 4294967295LL}},
-    {kU32, "abc", kFail},
-    {kU32, k29Zeros7.c_str(), {0, 7}},
-    {kU32, k30Zeros7.c_str(), {0, 0}},
-    {kU32, nullptr, kFail},
-
-    {kI32, "-2147483648", {0, INT_MIN}},
-    // Int32 and Uint64 don't look at sscanf's count: 0, out left alone.
-    {kI32, "abc", {0, kKept}},
-    {kI32, k13Zeros7.c_str(), {0, 7}},
-    {kI32, k15Zeros7.c_str(), {0, 0}},
-    {kI32, nullptr, kFail},
-
-    {kU64, "18446744073709551615", {0, -1}},
-    {kU64, "12abc", {0, 12}},
-    {kU64, "abc", {0, kKept}},
-    {kU64, k21Zeros7.c_str(), {0, 7}},
-    {kU64, k22Zeros7.c_str(), {0, 0}},
-    {kU64, nullptr, kFail},
-
-    {kU16, "65535", {0, 65535}},
-    {kU16, "abc", kFail},
-    {kU16, nullptr, kFail},
-
-    // Signed format, low 8 bits kept.
-    {kU8, "-1", {0, 255}},
-    {kU8, "300", {0, 44}},
-    {kU8, "-56", {0, 200}},
-    {kU8, "abc", kFail},
-    {kU8, nullptr, kFail},
-
-    // Every readable text stores something; only "true" and "1" store 1.
-    {kBool, "true", {0, 1}},
-    {kBool, "yes", {0, 0}},
-    {kBool, "TRUE", {0, 0}},
-    {kBool, nullptr, kFail},
-};
+std::string Zeros7(size_t zeros) { return std::string(zeros, '0') + "7"; }
 
 TEST_F(OneShot, TypedReadersConvertTheirOwnBufferOnly) {
-  std::string conf = "config values 'v'\n";
-  for (size_t i = 0; i < std::size(kTypedRows); ++i)
-    if (kTypedRows[i].text != nullptr)
-      conf += "\toption t" + std::to_string(i) + " '" + kTypedRows[i].text + "'\n";
-  put("types", conf + "\toption enabled '1'\n");
-
-  for (size_t i = 0; i < std::size(kTypedRows); ++i) {
-    const TypedRow &row = kTypedRows[i];
-    std::string option = "t" + std::to_string(i);
-    Want got = read_typed(row.reader, option.c_str());
-    SCOPED_TRACE(std::string(kReaderNames[row.reader]) + " on " + (row.text ? row.text : "(missing)"));
-    EXPECT_EQ(got.rc, row.want.rc);
-    EXPECT_EQ(got.value, row.want.value);
-  }
+  // Each reader copies the text into a buffer of its own: 30 characters for
+  // Uint32, 14 for Int32, 22 for Uint64; a longer text is cut there.
+  const struct {
+    Reader read;
+    std::string text;  // "": the option is missing
+    const char *want;
+  } rows[] = {
+      {kU32, "4294967295", "0 4294967295"}, {kU32, "abc", "-1 kept"}, {kU32, Zeros7(29), "0 7"},
+      {kU32, Zeros7(30), "0 0"}, {kU32, "", "-1 kept"},
+      // Int32 and Uint64 don't look at sscanf's count: 0, out left alone.
+      {kI32, "-2147483648", "0 -2147483648"}, {kI32, "abc", "0 kept"}, {kI32, Zeros7(13), "0 7"},
+      {kI32, Zeros7(15), "0 0"}, {kI32, "", "-1 kept"},
+      {kU64, "18446744073709551615", "0 18446744073709551615"}, {kU64, "12abc", "0 12"},
+      {kU64, "abc", "0 kept"}, {kU64, Zeros7(21), "0 7"}, {kU64, Zeros7(22), "0 0"}, {kU64, "", "-1 kept"},
+      {kU16, "65535", "0 65535"}, {kU16, "abc", "-1 kept"}, {kU16, "", "-1 kept"},
+      // Signed format, low 8 bits kept.
+      {kU8, "-1", "0 255"}, {kU8, "300", "0 44"}, {kU8, "-56", "0 200"}, {kU8, "abc", "-1 kept"},
+      {kU8, "", "-1 kept"},
+      // Every readable text stores something; only "true" and "1" store 1.
+      {kBool, "true", "0 1"}, {kBool, "yes", "0 0"}, {kBool, "TRUE", "0 0"}, {kBool, "", "-1 kept"},
+  };
+  std::string conf = "config values 'v'\n\toption enabled '1'\n";
+  for (size_t i = 0; i < std::size(rows); ++i)
+    if (!rows[i].text.empty()) conf += "\toption t" + std::to_string(i) + " '" + rows[i].text + "'\n";
+  put("types", conf);
+  for (size_t i = 0; i < std::size(rows); ++i)
+    EXPECT_EQ(rows[i].read(("t" + std::to_string(i)).c_str()), rows[i].want) << i << ": " << rows[i].text;
   uint32_t u = 0;
   uint8_t b = 0;
   EXPECT_EQ(uciGetOptionUint32("types", nullptr, "v", "t0", nullptr), -1);

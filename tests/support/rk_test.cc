@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 // In a build with gcov counters, a forked child that ends with _exit must
@@ -35,24 +36,18 @@ constexpr char kDevLog[] = "/dev/log";
 // "<134>Nov 23 04:51:00 ident[pid]: message": the priority, a 15-character
 // timestamp and a space, the ident (and pid), ": ", the message.
 LogLine ParseSyslog(const std::string &raw) {
+  static const std::regex form(R"(<(\d+)>.{15} ([^:\[]*)(?:\[\d+\])?: ([\s\S]*))");
   LogLine line;
-  size_t close_pri = raw.find('>');
-  if (raw.empty() || raw[0] != '<' || close_pri == std::string::npos) {
+  std::smatch m;
+  if (!std::regex_match(raw, m, form)) {
     line.text = raw;
     return line;
   }
-  int pri = atoi(raw.c_str() + 1);
+  const int pri = std::stoi(m[1]);
   line.severity = pri & 7;
   line.facility = pri >> 3;
-  size_t start = close_pri + 1 + 16;
-  size_t colon = start < raw.size() ? raw.find(": ", start) : std::string::npos;
-  if (colon == std::string::npos) {
-    line.text = raw.substr(std::min(close_pri + 1, raw.size()));
-    return line;
-  }
-  line.ident = raw.substr(start, colon - start);
-  if (!line.ident.empty() && line.ident.back() == ']') line.ident.erase(line.ident.rfind('['));
-  line.text = raw.substr(colon + 2);
+  line.ident = m[2];
+  line.text = m[3];
   return line;
 }
 
@@ -137,28 +132,10 @@ std::string ToHex(const void *data, size_t len) {
 }
 
 std::string LogLine::Normalized() const {
-  const char *letter = "?";
-  switch (severity) {
-    case 0: letter = "F"; break;
-    case 3: letter = "E"; break;
-    case 4: letter = "W"; break;
-    case 5: letter = "T"; break;
-    case 6: letter = "I"; break;
-    case 7: letter = "D"; break;
-    default: break;
-  }
-  std::string out = std::string(letter) + " ";
-  // "[name:123]rest" -> "[name:N]rest"
-  size_t colon = text.find(':');
-  size_t close = text.find(']');
-  bool placed = !text.empty() && text[0] == '[' && colon != std::string::npos && close != std::string::npos &&
-                colon < close && close > colon + 1 &&
-                text.find_first_not_of("0123456789", colon + 1) == close;
-  if (placed)
-    out += text.substr(0, colon + 1) + "N" + text.substr(close);
-  else
-    out += text;
-  return out;
+  static const char letters[] = "F??EWTID";  // by severity
+  static const std::regex place(R"(^\[(\w+):\d+\])");
+  const char letter = severity >= 0 && severity < 8 ? letters[severity] : '?';
+  return std::string(1, letter) + " " + std::regex_replace(text, place, "[$1:N]");
 }
 
 SyslogCapture::SyslogCapture() {

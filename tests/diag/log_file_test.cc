@@ -19,7 +19,6 @@ namespace rk::test {
 namespace {
 
 
-const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
 constexpr off_t kLimit = 1048576;
 
 // How a daemon wraps the file writer in a printf-like function of its own.
@@ -56,7 +55,7 @@ TEST_F(LogFileTest, MessageIsStampedWithTimeAndPid) {
   daemon_log(path_.c_str(), "value=%d %s\n", 7, "seven");
   umask(old_mask);
   const std::string content = ReadFile(path_);
-  EXPECT_TRUE(std::regex_match(content, std::regex(std::string(kStamp) + Pid() + " value=7 seven\n"))) << content;
+  EXPECT_TRUE(std::regex_match(content, std::regex(std::string(kLogStamp) + Pid() + " value=7 seven\n"))) << content;
   struct stat st;
   ASSERT_EQ(stat(path_.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0644u);
@@ -75,7 +74,7 @@ TEST_F(LogFileTest, FileStartsOverOnlyAboveOneMebibyte) {
     logfile_printf(path_.c_str(), "next\n");
 
     const std::string content = ReadFile(path_);
-    const std::regex message(std::string(kStamp) + Pid() + " next\n");
+    const std::regex message(std::string(kLogStamp) + Pid() + " next\n");
     if (c.starts_over) {
       EXPECT_TRUE(std::regex_match(content, message)) << content.size();
     } else {
@@ -127,7 +126,7 @@ TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {
   for (auto &t : threads) t.join();
   ASSERT_EQ(WaitChild(other), 0);
 
-  const std::regex line(std::string(kStamp) + R"(\d+(\(\d+\))? (w\d+ m\d+) x{200})");
+  const std::regex line(std::string(kLogStamp) + R"(\d+(\(\d+\))? (w\d+ m\d+) x{200})");
   std::set<std::string> seen;
   std::istringstream in(ReadFile(path_));
   for (std::string l; std::getline(in, l);) {

@@ -44,14 +44,7 @@ bool ClaimFreshProcess() {
 }
 
 // The base name of the running test program, as the library cuts it.
-std::string OwnName() {
-  char buf[4096] = {0};
-  if (readlink("/proc/self/exe", buf, sizeof buf - 1) <= 0) return "";
-  std::string path(buf);
-  return path.substr(path.rfind('/') + 1).substr(0, 63);
-}
-
-const char kStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
+std::string OwnName() { return OwnPath().substr(OwnPath().rfind('/') + 1).substr(0, 63); }
 
 class LogTest : public ::testing::Test {
  protected:
@@ -190,7 +183,7 @@ TEST_F(LogTest, RenamingKeepsTheFileAndAnEmptyNameStartsOver) {
   EXPECT_TRUE(FileExists("/tmp/log"));
   log_printf_to_flash("after %s\n", "restart");
   EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()),
-                               std::regex(std::string(kStamp) + Pid() + " after restart\n")));
+                               std::regex(std::string(kLogStamp) + Pid() + " after restart\n")));
 }
 
 TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
@@ -203,7 +196,7 @@ TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
   });
   worker.join();
 
-  const std::string expected = std::string(kStamp) + Pid() + " main 1\n" + kStamp + Pid() + "\\(" +
+  const std::string expected = std::string(kLogStamp) + Pid() + " main 1\n" + kLogStamp + Pid() + "\\(" +
                                std::to_string(worker_tid) + "\\) worker two\n";
   const std::string content = ReadFile(OwnLogFile());
   EXPECT_TRUE(std::regex_match(content, std::regex(expected))) << content;

@@ -99,13 +99,10 @@ TEST_F(Device, WeekDelayAndBridge) {
 }
 
 TEST_F(Device, CpuSamples) {
-  Result r = Start({"--json", "cpu", "--interval", "100", "--count", "3"});
+  Result r = Start({"--json", "cpu", "--interval", "100", "--count", "2"});
   ASSERT_EQ(r.rc, 0) << r.err;
   EXPECT_EQ(At(r.out, "interval_ms"), "100");
-  for (const char *i : {"permille.0", "permille.1", "permille.2"}) {
-    int v = atoi(At(r.out, i).c_str());
-    EXPECT_TRUE(v >= 0 && v <= 1000 && !At(r.out, i).empty()) << r.out;
-  }
+  EXPECT_TRUE(std::regex_match(At(r.out, "permille"), std::regex(R"(\[ \d+, \d+ \])"))) << r.out;
   EXPECT_TRUE(std::regex_match(Start({"cpu", "--interval", "50"}).out, std::regex("[0-9]+\\.[0-9]%\n")));
   Check({{{"cpu", "--count", "0"}, 2, "", "--count takes a number"}});
 }

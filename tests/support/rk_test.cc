@@ -81,6 +81,11 @@ bool FileExists(const std::string &path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
+std::string OwnPath() {
+  char buf[4096] = {0};
+  return readlink("/proc/self/exe", buf, sizeof buf - 1) > 0 ? buf : "";
+}
+
 int OpenFdCount() {
   int n = 0;
   if (DIR *d = opendir("/proc/self/fd")) {

@@ -37,6 +37,10 @@ bool InTestNamespace();
 bool WriteFile(const std::string &path, const std::string &content, int mode = 0644);
 std::string ReadFile(const std::string &path);
 bool FileExists(const std::string &path);
+// The running program's path, from /proc/self/exe ("" when unreadable).
+std::string OwnPath();
+// The "[YYYY-MM-DD hh:mm:ss] " stamp of the log files, as a pattern.
+constexpr char kLogStamp[] = R"(\[\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\] )";
 // Entries in /proc/self/fd: compare before and after a call to see that it
 // leaves no descriptor behind.
 int OpenFdCount();

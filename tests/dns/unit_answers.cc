@@ -44,10 +44,7 @@ std::vector<std::string> calls;
 
 
 int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) {
-  std::string s = name;
-  s += ":";
-  for (int i = 0; i < result->count; ++i) s += " " + Show(result->slots[i]);
-  calls.push_back(s);
+  calls.push_back(Show(name, result));
   return 0;
 }
 
@@ -249,12 +246,6 @@ TEST_F(DnsAnswers, PointerRecords) {
   rows.push_back({"a question shorter than the suffix gives an address of zero",
                   Response(kId, "bbbbbbb.ccc", 1, 12).answer(12, 60, Labels("host.bbbbbbb.ccc")).b, 0,
                   {"host.bbbbbbb.ccc: 0.0.0.0"}, {}, {}});
-  rows.push_back({"only the first PTR record counts",
-                  Response(kId, "4.3.2.1.in-addr.arpa", 2, 12)
-                      .answer(12, 60, Labels("host.bbbbbbb.ccc"))
-                      .answer(12, 60, Labels("other.bbbbbbb.ccc"))
-                      .b,
-                  0, {"host.bbbbbbb.ccc: 1.2.3.4"}, {}, {}});
   rows.push_back({"A records before a PTR are delivered with it",
                   Response(kId, "4.3.2.1.in-addr.arpa", 3, 12)
                       .answer(1, 60, V4("9.9.9.9"))
@@ -262,9 +253,6 @@ TEST_F(DnsAnswers, PointerRecords) {
                       .answer(1, 60, V4("8.8.8.8"))
                       .b,
                   0, {"host.bbbbbbb.ccc: 9.9.9.9 1.2.3.4"}, {}, {{"4.3.2.1.in-addr.arpa", "9.9.9.9"}}});
-  rows.push_back({"PTR RDATA ending in a compression pointer reads the pointer as a label",
-                  Response(kId, "4.3.2.1.in-addr.arpa", 1, 12).answer(12, 60, Bytes{3, 'a', 'b', 'c', 0xC0, 0x0C}).b,
-                  0, {"abc.\x0c: 1.2.3.4"}, {}, {}});
   // The address text holds 64 bytes: room for the reversal of a question of
   // up to 76 characters. Nothing longer can be an address.
   rows.push_back({"a 76-character question",
@@ -282,12 +270,9 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
   auto *in6 = reinterpret_cast<struct sockaddr_in6 *>(&from6);
   in6->sin6_family = AF_INET6;
   inet_pton(AF_INET6, "2001:db8::53", &in6->sin6_addr);
-  struct sockaddr_storage fromUnix = {};
-  fromUnix.ss_family = AF_UNIX;
 
   EXPECT_EQ(run(Bytes(5, 0), &from4).logs, Strings{"I [checkDnsSocket:N]error size(5) from 192.0.2.7"});
   EXPECT_EQ(run(Bytes(5, 0), &from6).logs, Strings{"I [checkDnsSocket:N]error size(5) from 2001:db8::53"});
-  EXPECT_EQ(run(Bytes(5, 0), &fromUnix).logs, Strings{"I [checkDnsSocket:N]error size(5)"});
   EXPECT_EQ(run(Header(0xabcd, 1, 1).fill(10, 0).b, &from4).logs,
             Strings{"I [checkDnsSocket:N]error id(" + InMemory(0xab, 0xcd) + "," + InMemory(0x12, 0x34) + ") from 192.0.2.7"});
   EXPECT_EQ(run(Response(kId, kQ, 1).raw({0xC0, 0x0C}).b, &from4).logs,

@@ -5,9 +5,12 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 #include <vector>
+
+#include <json-c/json_pointer.h>
 
 #include "rkctl_run.h"
 
@@ -20,20 +23,10 @@ class Device : public ::testing::Test {
 };
 
 // A JSON document's member at a dotted path, as text ("" when absent).
-std::string At(const std::string &json, const std::string &path) {
-  json_object *root = json_tokener_parse(json.c_str()), *o = root;
-  for (size_t start = 0; o && start <= path.size();) {
-    size_t dot = path.find('.', start);
-    std::string key = path.substr(start, dot == std::string::npos ? std::string::npos : dot - start);
-    json_object *next = nullptr;
-    if (json_object_is_type(o, json_type_array))
-      next = json_object_array_get_idx(o, static_cast<size_t>(atoi(key.c_str())));
-    else if (!json_object_object_get_ex(o, key.c_str(), &next))
-      next = nullptr;
-    o = next;
-    start = dot == std::string::npos ? path.size() + 1 : dot + 1;
-  }
-  std::string text = o ? json_object_get_string(o) : "";
+std::string At(const std::string &json, std::string path) {
+  std::replace(path.begin(), path.end(), '.', '/');
+  json_object *root = json_tokener_parse(json.c_str()), *o = nullptr;
+  std::string text = json_pointer_get(root, ("/" + path).c_str(), &o) == 0 && o ? json_object_get_string(o) : "";
   json_object_put(root);
   return text;
 }

@@ -1,5 +1,7 @@
 // Reading configuration files: words and quoting, sections and generated
 // names, the keywords' rules, load results, and files that must not load.
+#include <sys/stat.h>
+
 #include <ostream>
 #include <string>
 #include <vector>
@@ -7,10 +9,38 @@
 #include <gtest/gtest.h>
 #include <uci.h>
 
-#include "uci_test_util.h"
+#include "rk_test.h"
 
 namespace rk::test {
 namespace {
+
+// The value of string option `opt` of section `sec`, or "<none>".
+std::string Get(uci_context *ctx, uci_package *p, const char *sec, const char *opt) {
+  uci_section *s = uci_lookup_section(ctx, p, sec);
+  const char *v = s ? uci_lookup_option_string(ctx, s, opt) : nullptr;
+  return v ? v : "<none>";
+}
+
+// A fresh configuration directory under /tmp and a context pointed at it.
+class UciTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, mkdir(conf_.c_str(), 0755));
+    ASSERT_NE(nullptr, ctx_);
+    ASSERT_EQ(UCI_OK, uci_set_confdir(ctx_, conf_.c_str()));
+    ASSERT_EQ(UCI_OK, uci_set_savedir(ctx_, (dir_ / "save").c_str()));
+  }
+  void TearDown() override { uci_free_context(ctx_); }
+  std::string Conf(const std::string &name) const { return conf_ + "/" + name; }
+  uci_package *Load(const char *name) {
+    uci_package *p = nullptr;
+    EXPECT_EQ(UCI_OK, uci_load(ctx_, name, &p)) << name;
+    return p;
+  }
+  TempDir dir_;
+  std::string conf_ = dir_ / "config";
+  uci_context *ctx_ = uci_alloc_context();
+};
 
 struct QuotingCase {
   const char *label;

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "uci_testutil.h"
@@ -157,50 +158,34 @@ TEST_F(OpenPackage, TypedReadersConvertLikeSscanf) {
 }
 
 TEST_F(OpenPackage, EnabledAndIdAreFixedOptionNames) {
-  uint8_t on = 0;
-  EXPECT_EQ(uciGetEnabled(ctx_, section("main"), &on), 0);
-  EXPECT_EQ(on, 1);
-
   // "false" and a missing option both leave the caller's value alone.
-  uint8_t off = 9;
-  EXPECT_EQ(uciGetEnabled(ctx_, section("off"), &off), 0);
-  EXPECT_EQ(off, 9);
-  EXPECT_EQ(uciGetEnabled(ctx_, section("lan"), &off), -1);
-  EXPECT_EQ(off, 9);
-
-  uint32_t id = 0;
-  EXPECT_EQ(uciGetID(ctx_, section("main"), &id), 0);
-  EXPECT_EQ(id, 4294967295u);
-  EXPECT_EQ(uciGetID(ctx_, section("lan"), &id), -1);
+  const auto enabled = [&](const char *sec) {
+    return Outcome<uint8_t>([&](uint8_t *v) { return uciGetEnabled(ctx_, section(sec), v); });
+  };
+  EXPECT_EQ(enabled("main") + "|" + enabled("off") + "|" + enabled("lan"), "0 1|0 kept|-1 kept");
+  const auto id = [&](const char *sec) {
+    return Outcome<uint32_t>([&](uint32_t *v) { return uciGetID(ctx_, section(sec), v); });
+  };
+  EXPECT_EQ(id("main") + "|" + id("lan"), "0 4294967295|-1 kept");
 }
 
 // ---- setters -------------------------------------------------------------
 
 TEST_F(OpenPackage, SettersStoreTheDocumentedText) {
   uci_section *s = section("lan");
-  struct {
-    const char *option;
-    int rc;
-    const char *text;
-  } const rows[] = {
+  const std::tuple<const char *, int, const char *> rows[] = {
       {"u8_200", uciSetUint8(ctx_, pkg_, s, "u8_200", 200), "-56"},
       {"u8_7", uciSetUint8(ctx_, pkg_, s, "u8_7", 7), "7"},
       {"u32", uciSetUint32(ctx_, pkg_, s, "u32", 4294967295u), "4294967295"},
       {"i32min", uciSetInt32(ctx_, pkg_, s, "i32min", INT_MIN), "-2147483648"},
-      // Every bit of the int counts.
-      {"b256", uciSetBoolean(ctx_, pkg_, s, "b256", 256), "true"},
+      {"b256", uciSetBoolean(ctx_, pkg_, s, "b256", 256), "true"},  // every bit of the int counts
       {"b0", uciSetBoolean(ctx_, pkg_, s, "b0", 0), "false"},
       {"str", uciSetString(ctx_, pkg_, s, "str", "a b'c"), "a b'c"},
+      {"enabled", uciSetEnabled(ctx_, pkg_, s, 0), "false"},
+      {"ID", uciSetID(ctx_, pkg_, s, 123), "123"},
   };
-  for (const auto &row : rows) {
-    EXPECT_EQ(row.rc, 0) << row.option;
-    EXPECT_EQ(text("lan", row.option), row.text) << row.option;
-  }
-
-  EXPECT_EQ(uciSetEnabled(ctx_, pkg_, s, 0), 0);
-  EXPECT_EQ(text("lan", "enabled"), "false");
-  EXPECT_EQ(uciSetID(ctx_, pkg_, s, 123), 0);
-  EXPECT_EQ(text("lan", "ID"), "123");
+  for (const auto &[option, rc, stored_text] : rows)
+    EXPECT_EQ(std::to_string(rc) + " " + text("lan", option), std::string("0 ") + stored_text) << option;
 }
 
 // ---- rollback --------------------------------------------------------------

@@ -147,30 +147,18 @@ TEST_F(DnsAnswers, AnswersReachTheCallbackAndTheCache) {
                   Response(kId, kQ, 2).answer(1, 60, V4("1.2.3.4")).answer(28, 60, V6("2001:db8::1")).b, 0,
                   {"aaa.bbbbbbb.ccc: 1.2.3.4 2001:db8::1"}, {}, {{kQ, "2001:db8::1 1.2.3.4"}}});
   rows.push_back({"a CNAME then two A records: filed under the question's name",
-                  Response(kId, kQ, 3)
-                      .answer(5, 60, Labels("www.bbbbbbb.ccc"))
-                      .answer(1, 60, V4("1.1.1.1"))
-                      .answer(1, 60, V4("2.2.2.2"))
-                      .b,
-                  0, {"aaa.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {},
+                  Response(kId, kQ, 3).answer(5, 60, Labels("www.bbbbbbb.ccc")).answer(1, 60, V4("1.1.1.1"))
+                      .answer(1, 60, V4("2.2.2.2")).b, 0, {"aaa.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {},
                   {{kQ, "2.2.2.2 1.1.1.1"}, {"www.bbbbbbb.ccc", "absent"}}});
   rows.push_back({"a TTL of 0 is delivered but not cached",
                   Response(kId, kQ, 2).answer(1, 60, V4("1.1.1.1")).answer(1, 0, V4("2.2.2.2")).b, 0,
                   {"aaa.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {}, {{kQ, "1.1.1.1"}}});
   rows.push_back({"only records of other types: no slot, no callback",
-                  Response(kId, kQ, 3)
-                      .answer(5, 60, Labels("www.bbbbbbb.ccc"))
-                      .answer(15, 60, Bytes{0, 10, 0})
-                      .answer(16, 60, Bytes{3, 'a', 'b', 'c'})
-                      .b,
-                  0, {}, {}, {{kQ, "absent"}}});
+                  Response(kId, kQ, 3).answer(5, 60, Labels("www.bbbbbbb.ccc")).answer(15, 60, Bytes{0, 10, 0})
+                      .answer(16, 60, Bytes{3, 'a', 'b', 'c'}).b, 0, {}, {}, {{kQ, "absent"}}});
   rows.push_back({"RDLENGTH 2 fills two bytes, RDLENGTH 6 stores four and moves six on",
-                  Response(kId, kQ, 3)
-                      .answer(1, 60, Bytes{1, 2})
-                      .answer(1, 60, Bytes{5, 6, 7, 8, 9, 9})
-                      .answer(1, 60, V4("9.9.9.9"))
-                      .b,
-                  0, {"aaa.bbbbbbb.ccc: 1.2.0.0 5.6.7.8 9.9.9.9"}, {}, {}});
+                  Response(kId, kQ, 3).answer(1, 60, Bytes{1, 2}).answer(1, 60, Bytes{5, 6, 7, 8, 9, 9})
+                      .answer(1, 60, V4("9.9.9.9")).b, 0, {"aaa.bbbbbbb.ccc: 1.2.0.0 5.6.7.8 9.9.9.9"}, {}, {}});
   rows.push_back({"the datagram ends behind the last record before ANCOUNT is used up",
                   Response(kId, kQ, 5).answer(1, 60, V4("1.1.1.1")).answer(28, 60, V6("::1")).b, 0,
                   {"aaa.bbbbbbb.ccc: 1.1.1.1 ::1"}, {}, {}});
@@ -184,11 +172,8 @@ TEST_F(DnsAnswers, FullAnswerNamesReplaceTheName) {
   const char *notPointer = "I [checkDnsSocket:N]the data_name is not 0xC0XX";
   std::vector<Row> rows;
   rows.push_back({"a full name goes to the callback and the cache",
-                  Response(kId, kQ, 2)
-                      .answerNamed("www.bbbbbbb.ccc", 1, 60, V4("1.1.1.1"))
-                      .answer(1, 60, V4("2.2.2.2"))
-                      .b,
-                  0, {"www.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {notPointer},
+                  Response(kId, kQ, 2).answerNamed("www.bbbbbbb.ccc", 1, 60, V4("1.1.1.1")).answer(1, 60, V4("2.2.2.2"))
+                      .b, 0, {"www.bbbbbbb.ccc: 1.1.1.1 2.2.2.2"}, {notPointer},
                   {{"www.bbbbbbb.ccc", "2.2.2.2 1.1.1.1"}, {kQ, "absent"}}});
   rows.push_back({"a first byte of 0xC1 is no pointer: a full name, fields shifted behind it",
                   Response(kId, kQ, 1).raw(Bytes{0xC1, 'x', 'y', 0}).record(1, 60, V4("1.2.3.4")).b, 0,
@@ -247,11 +232,8 @@ TEST_F(DnsAnswers, PointerRecords) {
                   Response(kId, "bbbbbbb.ccc", 1, 12).answer(12, 60, Labels("host.bbbbbbb.ccc")).b, 0,
                   {"host.bbbbbbb.ccc: 0.0.0.0"}, {}, {}});
   rows.push_back({"A records before a PTR are delivered with it",
-                  Response(kId, "4.3.2.1.in-addr.arpa", 3, 12)
-                      .answer(1, 60, V4("9.9.9.9"))
-                      .answer(12, 60, Labels("host.bbbbbbb.ccc"))
-                      .answer(1, 60, V4("8.8.8.8"))
-                      .b,
+                  Response(kId, "4.3.2.1.in-addr.arpa", 3, 12).answer(1, 60, V4("9.9.9.9"))
+                      .answer(12, 60, Labels("host.bbbbbbb.ccc")).answer(1, 60, V4("8.8.8.8")).b,
                   0, {"host.bbbbbbb.ccc: 9.9.9.9 1.2.3.4"}, {}, {{"4.3.2.1.in-addr.arpa", "9.9.9.9"}}});
   // The address text holds 64 bytes: room for the reversal of a question of
   // up to 76 characters. Nothing longer can be an address.

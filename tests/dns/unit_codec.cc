@@ -60,7 +60,6 @@ TEST(DnsLabelEncoder, SmallSizeCutsTheLastLabel) {
   };
   const Row rows[] = {
       {1, "00"},
-      {3, "01 'a 00"},
       {5, "03 'aaa 00"},
       {7, "03 'aaa 01 'b 00"},
       {16, "03 'aaa 07 'bbbbbbb 02 'cc 00"},

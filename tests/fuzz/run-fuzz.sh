@@ -4,8 +4,8 @@
 # Runs each fuzzer (default: all of dns_datagram, blob_reader and
 # json_roundtrip) for a bounded time (default 60 s each) over its checked-in
 # corpus tests/fuzz/corpus/<target>, inside the private namespaces of
-# rk-ns-run (the DNS one binds 127.0.0.1:53 and must not reach the machine's
-# syslog). Fails on any crash, leak, sanitizer report or timeout. New inputs
+# rk-ns-run (the DNS one logs every refused datagram and must not reach the
+# machine's syslog). Fails on any crash, leak, sanitizer report or timeout. New inputs
 # go to <fuzz-build-dir>/tests/fuzz/<target>-work/corpus; crash reproducers
 # to .../<target>-work/artifacts (copy those into the corpus and keep them).
 # libFuzzer's own progress goes to .../<target>-work/fuzz.log; a clean run

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -103,10 +104,8 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  if (path_.empty()) return;
-  std::string cmd = "rm -rf '" + path_ + "'";
-  if (system(cmd.c_str()) != 0) {
-  }
+  std::error_code ignored;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
 }
 
 std::vector<uint8_t> Hex(const std::string &text) {

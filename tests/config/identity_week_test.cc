@@ -91,6 +91,7 @@ TEST_F(Identity, ChainsAndFallbacks) {
       {{"", "", "\toption country 'DE'\n"}, config_getCountry, 64, "2 DE"},
       {{}, config_getCountry, 64, "2 CN"},
       {{}, config_getCountry, 2, "1 C"},
+      {{}, config_getCountry, 1, "0 "},
       {{"", "", "\toption envName 'beta'\n"}, config_getEnvName, 64, "4 beta"},
       {{}, config_getEnvName, 64, "7 release"},
       {{"", "", "\toption localDomain 'home'\n", "\toption domain 'corp'\n"}, config_getLocalDomain, 64,
@@ -119,15 +120,15 @@ TEST(Week, MaskToTextAtEverySize) {
     getWeekFlag(out, &back);
     ASSERT_EQ(mask & 0x7f, back) << out;
   }
-  const std::pair<int, const char *> sizes[] = {
-      {29, "28 Sun,Mon,Tue,Wed,Thu,Fri,Sat"}, {28, "24 Sun,Mon,Tue,Wed,Thu,Fri"},
-      {25, "24 Sun,Mon,Tue,Wed,Thu,Fri"},     {5, "4 Sun"}, {4, "0 "},
-  };
-  for (auto &s : sizes) {
+  // Every size: whole days only, four bytes each ("Sun," or "Sat" and its
+  // terminator); nothing is written behind the size.
+  const std::string all = "Sun,Mon,Tue,Wed,Thu,Fri,Sat";
+  for (int size = 1; size <= 36; ++size) {
+    const int days = std::min(7, (size - 1) / 4);
     memset(out, '#', sizeof out);
-    int n = getWeekString(out, s.first, 0x7f);
-    EXPECT_EQ(s.second, std::to_string(n) + " " + out);
-    EXPECT_EQ(std::string(sizeof out - s.first, '#'), std::string(out + s.first, sizeof out - s.first));
+    const int n = getWeekString(out, size, 0x7f);
+    EXPECT_EQ(std::to_string(n) + " " + out, std::to_string(4 * days) + " " + all.substr(0, days ? 4 * days - 1 : 0));
+    EXPECT_EQ(std::string(sizeof out - size, '#'), std::string(out + size, sizeof out - size)) << size;
   }
   EXPECT_EQ(-1, getWeekString(out, 0, 1));
   EXPECT_EQ(-1, getWeekString(nullptr, 8, 1));
@@ -143,6 +144,7 @@ TEST(Week, TextToMask) {
   } rows[] = {
       {"Sun,Mon,Tue,Wed,Thu,Fri,Sat", 0, 0x7f, {}},
       {"SU,MO,TU,WE,TH,FR,SA", 0, 0x7f, {}},
+      {"sat fri thu wed tue mon sun", 0, 0x7f, {}},
       {"sU Sa tH tU", 0, 0x55, {}},
       {"M,T,W,F,S,1,2", 0, 0, {}},
       {"Sx,Mon", 0, 0x02, {"E [getWeekValue:N]error week(Sx,Mon)"}},

@@ -77,6 +77,7 @@ TEST_F(Device, WeekDelayAndBridge) {
       {{"delay", "add", "x", "4294967296"}, 2, "", "VALUE is a number"},
       {{"bridge-addr", "192.168.20.7"}, 1, "", "no running br-lan bridge with an IPv4 address"},
       {{"bridge-addr", "peer"}, 2, "", "PEER is an IPv4 or IPv6 address"},
+      {{"identity", "x"}, 2, "", "takes no arguments"},
       {{"status", "--timeout", "0"}, 2, "", "--timeout takes milliseconds"},
   });
   EXPECT_EQ(ReadFile("/var/run/internet.state"), "x 31\nwan 10\n");

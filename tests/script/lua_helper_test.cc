@@ -102,6 +102,7 @@ TEST_F(LuaHelperTest, ScriptsCallObjects) {
     const char *snippet, *result, *request;  // request: nullptr when no callback ran
   } rows[] = {
       {"obj:get()", "{ok=true}", "NULL"},
+      {"obj:get(nil)", "{ok=true}", "NULL"},
       {"obj:get(1, 2)", "{ok=true}", "1"},
       {"obj:get({a = {1, 2}})", "{ok=true}", "{ \"a\": [ 1, 2 ] }"},
       {"obj:none()", "{}", "NULL"},
@@ -147,6 +148,8 @@ TEST_F(LuaHelperTest, DaemonCallsScriptByPath) {
       {"a.b", -1, nullptr},
       {"a.x.c", -1, nullptr},
       {"", -1, nullptr},
+      {".f", -1, nullptr},
+      {"a.b.", -1, nullptr},
       {"a..c", -1, nullptr},
       {"u.f", -1, nullptr},
       {"trap.x", -1, nullptr},

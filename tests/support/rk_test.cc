@@ -37,10 +37,12 @@ constexpr char kDevLog[] = "/dev/log";
 // "<134>Nov 23 04:51:00 ident[pid]: message": the priority, a 15-character
 // timestamp and a space, the ident (and pid), ": ", the message.
 LogLine ParseSyslog(const std::string &raw) {
-  static const std::regex form(R"(<(\d+)>.{15} ([^:\[]*)(?:\[\d+\])?: ([\s\S]*))");
+  // Only the head goes through the pattern: libstdc++ matches recursively,
+  // and a long message would use up the stack.
+  static const std::regex head(R"(<(\d+)>.{15} ([^:\[]*)(?:\[\d+\])?: )");
   LogLine line;
   std::smatch m;
-  if (!std::regex_match(raw, m, form)) {
+  if (!std::regex_search(raw, m, head, std::regex_constants::match_continuous)) {
     line.text = raw;
     return line;
   }
@@ -48,7 +50,7 @@ LogLine ParseSyslog(const std::string &raw) {
   line.severity = pri & 7;
   line.facility = pri >> 3;
   line.ident = m[2];
-  line.text = m[3];
+  line.text = m.suffix();
   return line;
 }
 
@@ -137,9 +139,12 @@ std::string ToHex(const void *data, size_t len) {
 
 std::string LogLine::Normalized() const {
   static const char letters[] = "F??EWTID";  // by severity
-  static const std::regex place(R"(^\[(\w+):\d+\])");
+  static const std::regex place(R"(\[(\w+):\d+\])");
   const char letter = severity >= 0 && severity < 8 ? letters[severity] : '?';
-  return std::string(1, letter) + " " + std::regex_replace(text, place, "[$1:N]");
+  std::smatch m;
+  if (!std::regex_search(text, m, place, std::regex_constants::match_continuous))
+    return std::string(1, letter) + " " + text;
+  return std::string(1, letter) + " [" + m[1].str() + ":N]" + m.suffix().str();
 }
 
 SyslogCapture::SyslogCapture() {

@@ -254,17 +254,25 @@ TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
 
 // A missing argument is refused before libuci is asked: -1, or 2 (libuci's
 // "invalid") in the section-name family.
+// Each pointer argument null in turn: refused before anything is read.
 TEST_F(OpenPackage, MissingArgumentsAreRefused) {
   char b[8];
   int i = 0;
-  EXPECT_EQ(uciGetString(ctx_, section("main"), "addr", nullptr, 8) + uciGetInt32(nullptr, section("main"), "short", &i) +
-                uciSetString(ctx_, pkg_, nullptr, "x", "1") + setString(ctx_, pkg_, "main", "x", nullptr) +
-                publicUciAddList(ctx_, "dev", nullptr, "dns", "x"),
-            -5);
-  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, nullptr, "addr", b, 8) +
-                uciSetSectionOptionString(ctx_, pkg_, "main", "x", nullptr) +
-                uciGetSectionOptionValue(ctx_, nullptr, "main", "short", &i),
-            3 * UCI_ERR_INVAL);
+  uci_section *s = section("main");
+  for (int n = 0; n < 5; ++n) {
+    auto p = [n](int k, auto v) -> decltype(v) { return k == n ? nullptr : v; };
+    if (n < 4) {
+      EXPECT_EQ(-1, uciGetString(p(0, ctx_), p(1, s), p(2, "addr"), p(3, b), 8)) << n;
+      EXPECT_EQ(-1, uciGetInt32(p(0, ctx_), p(1, s), p(2, "short"), p(3, &i))) << n;
+      EXPECT_EQ(-1, publicUciDelSection(p(0, ctx_), p(1, pkg_), p(2, "dev"), p(3, "off"))) << n;
+    }
+    EXPECT_EQ(-1, uciSetString(p(0, ctx_), p(1, pkg_), p(2, s), p(3, "x"), p(4, "1"))) << n;
+    EXPECT_EQ(-1, setString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "x"), p(4, "1"))) << n;
+    EXPECT_EQ(-1, publicUciAddList(p(0, ctx_), p(1, "dev"), p(2, "main"), p(3, "dns"), p(4, "x"))) << n;
+    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "addr"), p(4, b), 8));
+    EXPECT_EQ(UCI_ERR_INVAL, uciSetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "x"), p(4, "1")));
+    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionValue(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "short"), p(4, &i)));
+  }
   EXPECT_EQ(text("main", "x"), "<absent>");
 }
 

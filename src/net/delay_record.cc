@@ -45,11 +45,11 @@ bool parse_record(const char *line, size_t len, InternetDelayRecord &record) noe
   return true;
 }
 
-// The first records of the file, newest first: their number, or -1 when the
-// file cannot be opened. A line too long for a record is passed over whole.
+// The first records of the file, newest first, and their number: none when
+// the file cannot be opened. A line too long for a record is passed over whole.
 int loadInternetDelays(InternetDelayRecord (&records)[kMaxRecords]) noexcept {
   FilePtr file(fopen(kStatePath, "r"));
-  if (!file) return -1;
+  if (!file) return 0;
   int count = 0;
   char line[kMaxLine];
   size_t len = 0;
@@ -78,7 +78,7 @@ extern "C" {
 
 int setInternetDelay(const char *label, uint32_t delay) {
   rk::InternetDelayRecord old[rk::kMaxRecords];
-  const int count = rk::loadInternetDelays(old);  // no file: no records
+  const int count = rk::loadInternetDelays(old);
   rk::FilePtr file(fopen(rk::kStatePath, "w"));
   if (!file) return -1;
   fprintf(file.get(), "%s %" PRIu32 "\n", label, delay);
@@ -89,7 +89,7 @@ int setInternetDelay(const char *label, uint32_t delay) {
 int getInternetDelay(uint32_t *delay) {
   rk::InternetDelayRecord records[rk::kMaxRecords];
   const int count = rk::loadInternetDelays(records);
-  if (count <= 0) return -1;
+  if (count == 0) return -1;
   uint32_t total = 0;  // wraps at 32 bits
   for (int i = 0; i < count; ++i) total += records[i].delay;
   *delay = total / static_cast<uint32_t>(count);

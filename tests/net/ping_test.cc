@@ -43,6 +43,7 @@ uint32_t Fold(const std::vector<uint8_t> &b, uint32_t sum) {
 
 TEST(Ping, RealRepliesAndTheirRequestsOnTheWire) {
   RK_REQUIRE_NAMESPACE();
+  const int fds = OpenFdCount();
   ASSERT_EQ(uloop_init(), 0);
   const int raw[2] = {socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP),
                       socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6)};
@@ -88,6 +89,7 @@ TEST(Ping, RealRepliesAndTheirRequestsOnTheWire) {
   EXPECT_EQ(replies, (std::vector<std::string>{"a 10.9.0.2", "a 127.0.0.1", "a ::1", "a fd09::2", "b ::1"}));
   asyncPing_destroy(a), asyncPing_destroy(b), close(udp);
   uloop_done();
+  EXPECT_EQ(OpenFdCount(), fds);
 }
 
 TEST(Ping, BadInputAndLostSockets) {

@@ -55,7 +55,7 @@ const std::vector<Command> &Commands() { return registry(); }
 
 // ---- arguments ----
 
-bool Invocation::Parse(const std::vector<Option> &spec) {
+bool Invocation::Parse(const std::vector<Option> &known) {
   options.clear();
   positional.clear();
   for (size_t i = 0; i < raw.size(); i++) {
@@ -74,14 +74,14 @@ bool Invocation::Parse(const std::vector<Option> &spec) {
     if (word[1] == '-') {
       size_t eq = word.find('=');
       std::string name = word.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-      for (const Option &o : spec)
+      for (const Option &o : known)
         if (name == o.long_name) found = &o;
       if (found && eq != std::string::npos) {
         value = word.substr(eq + 1);
         has_value = true;
       }
     } else {
-      for (const Option &o : spec)
+      for (const Option &o : known)
         if (o.short_name == word[1]) found = &o;
       if (found && word.size() > 2) {
         value = word.substr(2);

@@ -55,7 +55,7 @@ struct Invocation {
   // Splits `raw` by the command's options ("-c 3", "-c3", "--count 3",
   // "--count=3"; "--" ends them). Prints a usage error and gives false for
   // an unknown option or a missing value.
-  bool Parse(const std::vector<Option> &spec);
+  bool Parse(const std::vector<Option> &known);
   bool Has(const std::string &name) const { return options.count(name) > 0; }
   std::string Get(const std::string &name, const std::string &fallback = "") const;
   std::vector<std::string> All(const std::string &name) const;

@@ -252,9 +252,8 @@ TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
   EXPECT_EQ(v, 42);
 }
 
-// A missing argument is refused before libuci is asked: -1, or 2 (libuci's
-// "invalid") in the section-name family.
-// Each pointer argument null in turn: refused before anything is read.
+// Each pointer argument null in turn is refused before libuci is asked: -1,
+// or 2 (libuci's "invalid") in the section-name family.
 TEST_F(OpenPackage, MissingArgumentsAreRefused) {
   char b[8];
   int i = 0;
@@ -269,9 +268,9 @@ TEST_F(OpenPackage, MissingArgumentsAreRefused) {
     EXPECT_EQ(-1, uciSetString(p(0, ctx_), p(1, pkg_), p(2, s), p(3, "x"), p(4, "1"))) << n;
     EXPECT_EQ(-1, setString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "x"), p(4, "1"))) << n;
     EXPECT_EQ(-1, publicUciAddList(p(0, ctx_), p(1, "dev"), p(2, "main"), p(3, "dns"), p(4, "x"))) << n;
-    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "addr"), p(4, b), 8));
-    EXPECT_EQ(UCI_ERR_INVAL, uciSetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "x"), p(4, "1")));
-    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionValue(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "short"), p(4, &i)));
+    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "addr"), p(4, b), 8)) << n;
+    EXPECT_EQ(UCI_ERR_INVAL, uciSetSectionOptionString(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "x"), p(4, "1"))) << n;
+    EXPECT_EQ(UCI_ERR_INVAL, uciGetSectionOptionValue(p(0, ctx_), p(1, pkg_), p(2, "main"), p(3, "short"), p(4, &i))) << n;
   }
   EXPECT_EQ(text("main", "x"), "<absent>");
 }

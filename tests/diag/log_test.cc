@@ -44,7 +44,10 @@ bool ClaimFreshProcess() {
 }
 
 // The base name of the running test program, as the library cuts it.
-std::string OwnName() { return OwnPath().substr(OwnPath().rfind('/') + 1).substr(0, 63); }
+std::string OwnName() {
+  const std::string own = OwnPath();
+  return own.substr(own.rfind('/') + 1).substr(0, 63);
+}
 
 class LogTest : public ::testing::Test {
  protected:
@@ -91,7 +94,9 @@ TEST_F(LogTest, QuietCallsAtTheInitialLevelSetNothingUp) {
 
   EXPECT_TRUE(Received().empty());
   EXPECT_FALSE(FileExists("/tmp/log"));
-  EXPECT_EQ(log_isLevelEnabled(4) + log_isLevelEnabled(5) + log_isLevelEnabled(6), 1);
+  EXPECT_EQ(std::to_string(log_isLevelEnabled(4)) + std::to_string(log_isLevelEnabled(5)) +
+                std::to_string(log_isLevelEnabled(6)),
+            "100");
 }
 
 TEST_F(LogTest, FirstPassingCallSetsUpSyslogAndTheLogDirectory) {

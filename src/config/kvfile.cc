@@ -89,12 +89,12 @@ extern "C" {
 
 int getValueFromFile(const char *path, const char *key, char *out, int size) {
   if (!path || !key || !out || size <= 0) {
-    RK_LOG_ERROR("getVersionInfoFromFile value is NULL");
+    RK_LOG(error, "getVersionInfoFromFile value is NULL");
     return -1;
   }
   rk::FilePtr file(fopen(path, "r"));
   if (!file) {
-    RK_LOG_ERROR("open %s for read key=%s ERROR", path, key);
+    RK_LOG(error, "open %s for read key=%s ERROR", path, key);
     return -1;
   }
   return rk::read_value(file.get(), key, out, size);

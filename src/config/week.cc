@@ -31,7 +31,7 @@ uint8_t getWeekValue(const char *token) {
     default:
       break;
   }
-  RK_LOG_ERROR("error week(%s)", token);
+  RK_LOG(error, "error week(%s)", token);
   return 0;
 }
 

@@ -60,7 +60,7 @@ int LC_SystemCall(const char *fmt, ...) {
     _exit(127);
   }
   if (pid < 0) {
-    RK_LOG_ERROR("vfork() failed");
+    RK_LOG(error, "vfork() failed");
     return -1;
   }
   return rk::wait_status(pid);
@@ -89,7 +89,7 @@ void close_all_fd(void) {
   snprintf(path, sizeof path, "/proc/%d/fd/", static_cast<int>(getpid()));
   rk::DirPtr dir(opendir(path));
   if (!dir) {
-    RK_LOG_ERROR("close_all_fd open dir:%s fail", path);
+    RK_LOG(error, "close_all_fd open dir:%s fail", path);
     return;
   }
   const int own = dirfd(dir.get());

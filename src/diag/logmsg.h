@@ -1,8 +1,10 @@
-// The library's own messages: "[function:line]" in front of the text, where
-// the function is the one that logs and the line is the line of the call.
+// The library's own messages, "[function:line]text", through one of the
+// leveled log functions (see docs/internals.md). RK_LOG names the function it
+// is written in; RK_LOG_AS names `origin` instead, for the messages whose
+// documented origin is another function. The line is the macro's own.
 #pragma once
 
 #include <routerkit/log.h>
 
-#define RK_LOG_ERROR(fmt, ...) log_error("[%s:%d]" fmt, __func__, __LINE__, ##__VA_ARGS__)
-#define RK_LOG_INFO(fmt, ...) log_info("[%s:%d]" fmt, __func__, __LINE__, ##__VA_ARGS__)
+#define RK_LOG_AS(level, origin, fmt, ...) log_##level("[%s:%d]" fmt, origin, __LINE__, ##__VA_ARGS__)
+#define RK_LOG(level, fmt, ...) RK_LOG_AS(level, __func__, fmt, ##__VA_ARGS__)

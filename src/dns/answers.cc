@@ -211,7 +211,7 @@ int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept {
   const ssize_t got =
       recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<struct sockaddr *>(&from), &fromLength);
   if (got < 1) {
-    RK_LOG_ERROR("error recvfrom");
+    RK_LOG(error, "error recvfrom");
     return -1;
   }
   return processDatagram(context, buffer, static_cast<size_t>(got), &from);

@@ -126,7 +126,7 @@ void ChangeAddrToDnsName(const void *address, char *out) noexcept {
   memcpy(&ipv4, static_cast<const uint8_t *>(address) + offsetof(DnsAddressEntry, ipv4), sizeof ipv4);
   char text[kPtrAddressTextSize] = {};
   if (inet_ntop(AF_INET, &ipv4, text, sizeof text) == nullptr) {
-    RK_LOG_ERROR("inet_ntop");
+    RK_LOG(error, "inet_ntop");
     return;
   }
   const int length = static_cast<int>(strlen(text));

@@ -188,9 +188,9 @@ AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) {
 
   // Both families are required: a system without IPv6 sockets gets no context.
   if (!open_socket(&context->dnsSock, AF_INET, dnsSockCallback)) {
-    RK_LOG_ERROR("error dnsSock");
+    RK_LOG(error, "error dnsSock");
   } else if (!open_socket(&context->dns6Sock, AF_INET6, dns6SockCallback)) {
-    RK_LOG_ERROR("error dns6Sock");
+    RK_LOG(error, "error dns6Sock");
   } else if ((context->cache = DnsCacheCreate()) != nullptr) {
     return context;
   }
@@ -211,7 +211,7 @@ int asyncDns_destroy(AsyncDnsContext *context) {
 
 int asyncDns_AddServer(AsyncDnsContext *context, const char *szServer) {
   if (szServer == nullptr || context == nullptr) {
-    RK_LOG_ERROR("szServer=%p or context=%p", static_cast<const void *>(szServer),
+    RK_LOG(error, "szServer=%p or context=%p", static_cast<const void *>(szServer),
                  static_cast<void *>(context));
     return -1;
   }
@@ -219,7 +219,7 @@ int asyncDns_AddServer(AsyncDnsContext *context, const char *szServer) {
   address.sin_family = AF_INET;
   address.sin_port = htons(rk::dns::kDnsPort);
   if (inet_pton(AF_INET, szServer, &address.sin_addr) <= 0) {
-    RK_LOG_ERROR("szServer=%s", szServer);
+    RK_LOG(error, "szServer=%s", szServer);
     return -1;
   }
   return rk::dns::add_server<DnsServer>(&context->servers, address, &sockaddr_in::sin_addr, __func__, szServer);
@@ -231,7 +231,7 @@ int asyncDns_AddServer6(AsyncDnsContext *context, const char *szServer) {
   address.sin6_family = AF_INET6;
   address.sin6_port = htons(rk::dns::kDnsPort);
   if (inet_pton(AF_INET6, szServer, &address.sin6_addr) <= 0) {
-    RK_LOG_ERROR("%s is not ipv6", szServer);
+    RK_LOG(error, "%s is not ipv6", szServer);
     return -1;
   }
   return rk::dns::add_server<DnsServer6>(&context->servers6, address, &sockaddr_in6::sin6_addr, __func__, szServer);

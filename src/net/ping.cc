@@ -72,7 +72,7 @@ int createPingSock(int domain, int protocol) noexcept {
     uint32_t filter[8] = {};
     filter[133 / 32] = 0x3E0;
     if (setsockopt(fd, IPPROTO_ICMPV6, kIcmp6FilterOption, filter, sizeof filter) != 0)
-      RK_LOG_ERROR("setsockopt:ICMP6_FILTER");  // works without it, reads more
+      RK_LOG(error, "setsockopt:ICMP6_FILTER");  // works without it, reads more
   }
   return fd;
 }
@@ -124,7 +124,7 @@ int checkSocket(AsyncPingContext *context, int fd) noexcept {
   if (from.any.sa_family == AF_INET6) {
     if (icmp[0] != kEchoReply6 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
     if (inet_ntop(AF_INET6, &from.v6.sin6_addr, text, sizeof text) == nullptr) {
-      RK_LOG_ERROR("inet_ntop6");
+      RK_LOG(error, "inet_ntop6");
       return -1;
     }
   } else {
@@ -133,7 +133,7 @@ int checkSocket(AsyncPingContext *context, int fd) noexcept {
     icmp = buffer + (buffer[0] & 0x0f) * 4;
     if (icmp[0] != kEchoReply4 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
     if (inet_ntop(AF_INET, &from.v4.sin_addr, text, sizeof text) == nullptr) {
-      RK_LOG_ERROR("inet_ntop");
+      RK_LOG(error, "inet_ntop");
       return -1;
     }
   }
@@ -228,7 +228,7 @@ int asyncPing4(AsyncPingContext *context, const char *address) {
   struct sockaddr_in to = {};
   to.sin_family = AF_INET;
   if (inet_pton(AF_INET, address, &to.sin_addr) <= 0) {
-    RK_LOG_ERROR("error ipv4(%s)", address);
+    RK_LOG(error, "error ipv4(%s)", address);
     return -1;
   }
   return rk::net::sendPing4(context, reinterpret_cast<const struct sockaddr *>(&to));
@@ -240,7 +240,7 @@ int asyncPing6(AsyncPingContext *context, const char *address) {
   struct sockaddr_in6 to = {};
   to.sin6_family = AF_INET6;
   if (inet_pton(AF_INET6, address, &to.sin6_addr) <= 0) {
-    RK_LOG_ERROR("error ipv6(%s)", address);
+    RK_LOG(error, "error ipv6(%s)", address);
     return -1;
   }
   return rk::net::sendPing6(context, reinterpret_cast<const struct sockaddr *>(&to));
@@ -254,7 +254,7 @@ int asyncPing(AsyncPingContext *context, const struct sockaddr *address) {
     case AF_INET:
       return rk::net::sendPing4(context, address);
     default:
-      RK_LOG_ERROR("error family:%d", address->sa_family);
+      RK_LOG(error, "error family:%d", address->sa_family);
       return -1;
   }
 }

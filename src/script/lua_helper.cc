@@ -183,12 +183,12 @@ extern "C" LuaHelper *CreateLuaHelper(const char *path) {
     return nullptr;
   }
   if (luaL_loadfile(helper->state, path) != 0) {
-    RK_LOG_ERROR("error load %s", path);
+    RK_LOG(error, "error load %s", path);
     luaHelperDestroy(helper);
     return nullptr;
   }
   if (lua_pcall(helper->state, 0, 0, 0) != 0) {
-    RK_LOG_ERROR("error call %s", path);
+    RK_LOG(error, "error call %s", path);
     luaHelperDestroy(helper);
     return nullptr;
   }
@@ -206,7 +206,7 @@ extern "C" int luaHelperRegister(LuaHelper *helper, const char *name,
   if (!helper || !helper->state || !name || !functions) return -1;
   Registration job{name, functions, nullptr};
   if (run_protected(helper->state, 0, register_body, &job, 0) != 1) return -1;
-  if (job.failed) RK_LOG_ERROR("error strdup(%s)", job.failed);
+  if (job.failed) RK_LOG(error, "error strdup(%s)", job.failed);
   return 0;
 }
 
@@ -217,6 +217,6 @@ extern "C" int luaHelperCall(LuaHelper *helper, const char *path, json_object *a
   run_protected(L, lua_gettop(L), call_body, &job, 0);
   lua_settop(L, 0);
   if (job.called) return 0;
-  RK_LOG_ERROR("Lua handler provides no %s() callback.", path);
+  RK_LOG(error, "Lua handler provides no %s() callback.", path);
   return -1;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <ifaddrs.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -12,15 +13,21 @@
 
 namespace rk {
 
-struct FileCloser {
+// One pattern for every owner: XxxDeleter, and XxxPtr the unique_ptr with it.
+struct FileDeleter {
   void operator()(FILE *f) const noexcept { fclose(f); }
 };
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using FilePtr = std::unique_ptr<FILE, FileDeleter>;
 
-struct DirCloser {
+struct DirDeleter {
   void operator()(DIR *d) const noexcept { closedir(d); }
 };
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
+using DirPtr = std::unique_ptr<DIR, DirDeleter>;
+
+struct IfAddrsDeleter {
+  void operator()(struct ifaddrs *list) const noexcept { freeifaddrs(list); }
+};
+using IfAddrsPtr = std::unique_ptr<struct ifaddrs, IfAddrsDeleter>;
 
 // A descriptor that closes itself. Move-only; -1 means none.
 class UniqueFd {

@@ -11,6 +11,8 @@
 #include <atomic>
 #include <memory>
 
+#include "common/raii.h"
+
 namespace rk {
 namespace {
 
@@ -25,10 +27,6 @@ uint32_t default_lan() noexcept {
   }
   return lan;
 }
-
-struct IfAddrsFree {
-  void operator()(ifaddrs *list) const noexcept { freeifaddrs(list); }
-};
 
 // Addresses are compared as 32-bit words in network byte order; the buffers
 // need not be aligned.
@@ -79,7 +77,7 @@ int networkHelper_getBridgeAddr(uint8_t family, const void *peer, void *out) {
   if (family != AF_INET && family != AF_INET6) return 0;
   ifaddrs *list = nullptr;
   if (getifaddrs(&list) != 0) return 0;
-  const std::unique_ptr<ifaddrs, rk::IfAddrsFree> owner(list);
+  const rk::IfAddrsPtr owner(list);
   bool stored = false;
   for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
     if (!rk::takes_part(*entry, family)) continue;

@@ -102,7 +102,7 @@ int getBoolean(uci_context *ctx, uci_section *section, const char *option, uint8
 
 int setBoolean(uci_context *ctx, uci_package *package, uci_section *section, const char *option,
                int value) noexcept {
-  return setOption(ctx, package, section, option, value != 0 ? "true" : "false");
+  return setOption(ctx, package, section, option, value != 0 ? kTrueText : kFalseText);
 }
 
 int rollback(uci_context *ctx, uci_package **packageRef, uci_section *section) noexcept {

@@ -19,9 +19,13 @@ int scanNumber(const char *text, const char *format, T *out, bool lenient = fals
   return 0;
 }
 
+// The texts a boolean is written as.
+constexpr char kTrueText[] = "true";
+constexpr char kFalseText[] = "false";
+
 // "true" and "1" are true; every other text is false.
 inline bool isTrue(const char *text) noexcept {
-  return strcmp(text, "true") == 0 || strcmp(text, "1") == 0;
+  return strcmp(text, kTrueText) == 0 || strcmp(text, "1") == 0;
 }
 
 }  // namespace config

@@ -31,8 +31,6 @@ constexpr size_t kUint8TextSize = 16;
 constexpr size_t kBooleanTextSize = 16;
 // Holds "%d" of any 32-bit value with its terminator.
 constexpr size_t kInt32WrittenSize = 16;
-constexpr char kTrueText[] = "true";
-constexpr char kFalseText[] = "false";
 
 // One context and the package loaded into it. The package variable is the
 // one libuci's commit and revert replace, so the destructor unloads whatever

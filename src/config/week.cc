@@ -2,6 +2,7 @@
 // comma-separated text UCI keeps them as.
 #include <routerkit/uci_access.h>
 
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 

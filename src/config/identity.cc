@@ -7,107 +7,144 @@
 
 #include <string.h>
 
+namespace rk {
+namespace config {
 namespace {
 
 constexpr char kVersionFile[] = "/etc/version";
 constexpr char kFactoryFile[] = "/etc/factory.dat";
+// The software version is shown up to its third dot: "1.2.3.4567" as "1.2.3".
+constexpr int kShownVersionDots = 3;
+constexpr size_t kInnerDeviceTypeSize = 128;
+// Devices whose inner type names this brand word have their own LAN address.
+constexpr char kBrandWord[] = "Quorvanta";
+constexpr char kBrandLanIp[] = "10.0.0.1";
+constexpr char kDefaultLanIp[] = "192.168.10.1";
+constexpr int kBrandLanIpResult = 2;
+constexpr int kDefaultLanIpResult = 1;
 
-int from_system(const char *option, char *out, int size) {
+int fromSystem(const char *option, char *out, int size) noexcept {
   return uciGetOptionString("system", "system", nullptr, option, out, size);
 }
 
 // The string contract of the UCI readers: the last byte is the caller's.
-int fallback(const char *text, char *out, int size) {
+int fallback(const char *text, char *out, int size) noexcept {
   strncpy(out, text, static_cast<size_t>(size - 1));
   return static_cast<int>(strlen(out));
 }
 
-int system_or(const char *option, const char *text, char *out, int size) {
-  if (from_system(option, out, size) != 0) return fallback(text, out, size);
+int systemOr(const char *option, const char *text, char *out, int size) noexcept {
+  if (fromSystem(option, out, size) != 0) return fallback(text, out, size);
   return static_cast<int>(strlen(out));
 }
 
-}  // namespace
-
-extern "C" {
-
-int config_getValueFromVersionFile(const char *key, char *out, int size) {
+int versionFileValue(const char *key, char *out, int size) noexcept {
   return getValueFromFile(kVersionFile, key, out, size);
 }
 
-int config_getValueFromFactoryFile(const char *key, char *out, int size) {
+int factoryFileValue(const char *key, char *out, int size) noexcept {
   return getValueFromFile(kFactoryFile, key, out, size);
 }
 
-int config_getSoftwareVersion(char *out, int size) {
-  int len = config_getValueFromVersionFile("SWVersion", out, size);
+int softwareVersion(char *out, int size) noexcept {
+  const int length = versionFileValue("SWVersion", out, size);
   int dots = 0;
-  for (int i = 0; i < len; ++i) {
-    if (out[i] == '.' && ++dots == 3) {
+  for (int i = 0; i < length; ++i) {
+    if (out[i] == '.' && ++dots == kShownVersionDots) {
       out[i] = '\0';
       return i;
     }
   }
-  return len;
+  return length;
 }
 
-int config_getDisplaySoftwareVersion(char *out, int size) {
-  return config_getSoftwareVersion(out, size);
+int deviceType(char *out, int size) noexcept {
+  const int length = factoryFileValue("DeviceType", out, size);
+  if (length > 0) return length;
+  if (fromSystem("deviceType", out, size) == 0) return static_cast<int>(strlen(out));
+  return versionFileValue("DeviceType", out, size);
 }
 
-int config_getHardwareVersion(char *out, int size) {
-  return config_getValueFromVersionFile("HWVersion", out, size);
-}
-
-int config_getCompileTime(char *out, int size) {
-  return config_getValueFromVersionFile("CompileTime", out, size);
-}
-
-int config_getPlatForm(char *out, int size) {
-  return config_getValueFromVersionFile("PlatForm", out, size);
-}
-
-int config_getDeviceName(char *out, int size) {
-  return config_getValueFromVersionFile("DeviceName", out, size);
-}
-
-int config_getInnerDeviceType(char *out, int size) {
-  return config_getValueFromFactoryFile("InnerDeviceType", out, size);
-}
-
-int config_getSerialNo(char *out, int size) {
-  return config_getValueFromFactoryFile("sn", out, size);
-}
-
-int config_getDeviceType(char *out, int size) {
-  int len = config_getValueFromFactoryFile("DeviceType", out, size);
-  if (len > 0) return len;
-  if (from_system("deviceType", out, size) == 0) return static_cast<int>(strlen(out));
-  return config_getValueFromVersionFile("DeviceType", out, size);
-}
-
-int config_getCountry(char *out, int size) { return system_or("country", "CN", out, size); }
-
-int config_getEnvName(char *out, int size) { return system_or("envName", "release", out, size); }
-
-int config_getLocalDomain(char *out, int size) {
-  if (!out || size <= 0) return 0;
-  if (from_system("localDomain", out, size) == 0 ||
+int localDomain(char *out, int size) noexcept {
+  if (fromSystem("localDomain", out, size) == 0 ||
       uciGetOptionString("LocalDomain", "global", nullptr, "domain", out, size) == 0)
     return static_cast<int>(strlen(out));
   return fallback(RK_DEFAULT_LOCAL_DOMAIN, out, size);
 }
 
-int config_getDeafultLanIp(char *out, int size) {
+int defaultLanIp(char *out, int size) noexcept {
   memset(out, 0, static_cast<size_t>(size));
-  char inner[128] = {0};
-  if (config_getValueFromFactoryFile("InnerDeviceType", inner, sizeof inner) < 0) return 0;
-  if (strstr(inner, "Quorvanta")) {
-    strncpy(out, "10.0.0.1", static_cast<size_t>(size - 1));
-    return 2;
+  char inner[kInnerDeviceTypeSize] = {0};
+  if (factoryFileValue("InnerDeviceType", inner, sizeof inner) < 0) return 0;
+  if (strstr(inner, kBrandWord)) {
+    strncpy(out, kBrandLanIp, static_cast<size_t>(size - 1));
+    return kBrandLanIpResult;
   }
-  strncpy(out, "192.168.10.1", static_cast<size_t>(size - 1));
-  return 1;
+  strncpy(out, kDefaultLanIp, static_cast<size_t>(size - 1));
+  return kDefaultLanIpResult;
 }
+
+}  // namespace
+}  // namespace config
+}  // namespace rk
+
+extern "C" {
+
+int config_getValueFromVersionFile(const char *key, char *out, int size) {
+  return rk::config::versionFileValue(key, out, size);
+}
+
+int config_getValueFromFactoryFile(const char *key, char *out, int size) {
+  return rk::config::factoryFileValue(key, out, size);
+}
+
+int config_getSoftwareVersion(char *out, int size) {
+  return rk::config::softwareVersion(out, size);
+}
+
+int config_getDisplaySoftwareVersion(char *out, int size) {
+  return rk::config::softwareVersion(out, size);
+}
+
+int config_getHardwareVersion(char *out, int size) {
+  return rk::config::versionFileValue("HWVersion", out, size);
+}
+
+int config_getCompileTime(char *out, int size) {
+  return rk::config::versionFileValue("CompileTime", out, size);
+}
+
+int config_getPlatForm(char *out, int size) {
+  return rk::config::versionFileValue("PlatForm", out, size);
+}
+
+int config_getDeviceName(char *out, int size) {
+  return rk::config::versionFileValue("DeviceName", out, size);
+}
+
+int config_getInnerDeviceType(char *out, int size) {
+  return rk::config::factoryFileValue("InnerDeviceType", out, size);
+}
+
+int config_getSerialNo(char *out, int size) {
+  return rk::config::factoryFileValue("sn", out, size);
+}
+
+int config_getDeviceType(char *out, int size) { return rk::config::deviceType(out, size); }
+
+int config_getCountry(char *out, int size) {
+  return rk::config::systemOr("country", "CN", out, size);
+}
+
+int config_getEnvName(char *out, int size) {
+  return rk::config::systemOr("envName", "release", out, size);
+}
+
+int config_getLocalDomain(char *out, int size) {
+  if (!out || size <= 0) return 0;
+  return rk::config::localDomain(out, size);
+}
+
+int config_getDeafultLanIp(char *out, int size) { return rk::config::defaultLanIp(out, size); }
 
 }  // extern "C"

@@ -6,19 +6,27 @@
 #include <string.h>
 
 namespace rk {
+namespace config {
 
 // Converts `text` with one sscanf `format` into a Raw and stores it in `out`
 // as T. A text that holds no number gives -1, or 0 with `out` untouched when
 // `lenient` (the readers that report success for any readable text).
 template <typename Raw, typename T>
-int scan_number(const char *text, const char *format, T *out, bool lenient = false) noexcept {
+int scanNumber(const char *text, const char *format, T *out, bool lenient = false) noexcept {
   Raw value = 0;
   if (sscanf(text, format, &value) != 1) return lenient ? 0 : -1;
   *out = static_cast<T>(value);
   return 0;
 }
 
-// "true" and "1" are true; every other text is false.
-inline bool is_true(const char *text) noexcept { return strcmp(text, "true") == 0 || strcmp(text, "1") == 0; }
+// The texts a boolean is written as.
+constexpr char kTrueText[] = "true";
+constexpr char kFalseText[] = "false";
 
+// "true" and "1" are true; every other text is false.
+inline bool isTrue(const char *text) noexcept {
+  return strcmp(text, kTrueText) == 0 || strcmp(text, "1") == 0;
+}
+
+}  // namespace config
 }  // namespace rk

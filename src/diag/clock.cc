@@ -4,19 +4,30 @@
 #include <routerkit/log.h>
 
 namespace rk {
+namespace diag {
+namespace {
 
-uint64_t ticks_of(const timespec &ts) noexcept {
-  return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+constexpr uint64_t kMillisecondsPerSecond = 1000;
+constexpr uint64_t kNanosecondsPerMillisecond = 1000000;
+
+uint64_t monotonicTicks() noexcept {
+  timespec ts{};  // a failed read leaves zero, which gives tick 0
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ticksOf(ts);
 }
 
+}  // namespace
+
+uint64_t ticksOf(const timespec &ts) noexcept {
+  return static_cast<uint64_t>(ts.tv_sec) * kMillisecondsPerSecond +
+         static_cast<uint64_t>(ts.tv_nsec) / kNanosecondsPerMillisecond;
+}
+
+}  // namespace diag
 }  // namespace rk
 
 extern "C" {
 
-uint64_t GetTickCount(void) {
-  timespec ts{};  // a failed read leaves zero, which gives tick 0
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return rk::ticks_of(ts);
-}
+uint64_t GetTickCount(void) { return rk::diag::monotonicTicks(); }
 
 }  // extern "C"

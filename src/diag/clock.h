@@ -5,9 +5,11 @@
 #include <time.h>
 
 namespace rk {
+namespace diag {
 
 // Milliseconds of a clock reading: seconds * 1000 + nanoseconds / 1000000,
 // truncating, at the full 64 bits.
-uint64_t ticks_of(const timespec &ts) noexcept;
+uint64_t ticksOf(const timespec &ts) noexcept;
 
+}  // namespace diag
 }  // namespace rk

@@ -31,12 +31,15 @@
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit off_t and ino_t");
 
 namespace rk {
+namespace diag {
 namespace {
 
 constexpr uint32_t kInitialLevel = 4;
 // Level set by the presence of "/etc/<name>.debug": everything passes, and
 // syslog also copies each message to standard error.
 constexpr uint32_t kDebugFileLevel = 6;
+// log_debug's threshold; a level above it at set-up also copies to stderr.
+constexpr uint32_t kDebugThreshold = 5;
 constexpr size_t kNameSize = 64;  // 63 characters; the last byte is never written
 constexpr size_t kWorkSize = 256;
 constexpr const char *kLogDir = "/tmp/log";
@@ -50,61 +53,61 @@ constexpr int kAppendFlags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC;
 // Process-wide state, deliberately without a lock (see log.h). The level is
 // an atomic only so that the unsynchronised reads and writes are defined
 // behaviour; relaxed access compiles to a plain load and store.
-std::atomic<uint32_t> g_level{kInitialLevel};
-char g_name[kNameSize];  // also the ident that syslog keeps pointing at
-std::atomic<char *> g_path{nullptr};
+std::atomic<uint32_t> logLevel{kInitialLevel};
+char logName[kNameSize];  // also the ident that syslog keeps pointing at
+std::atomic<char *> logPath{nullptr};
 
-inline bool level_above(uint32_t threshold) noexcept {
-  return g_level.load(std::memory_order_relaxed) > threshold;
+inline bool levelAbove(uint32_t threshold) noexcept {
+  return logLevel.load(std::memory_order_relaxed) > threshold;
 }
 
-inline bool named() noexcept { return g_name[0] != '\0'; }
+inline bool isNamed() noexcept { return logName[0] != '\0'; }
 
 // Keeps the stored copy when the path is unchanged, so that threads which
 // arrive at the first message together do not free a path another one is
 // still writing through.
-void store_path(const char *path) noexcept {
-  const char *old = g_path.load();
+void storePath(const char *path) noexcept {
+  const char *old = logPath.load();
   if (old && strcmp(old, path) == 0) return;
-  free(g_path.exchange(strdup(path)));
+  free(logPath.exchange(strdup(path)));
 }
 
-void lazy_init() noexcept {
+void setUp() noexcept {
   std::array<char, kWorkSize> work{};
   // Without /proc/self/exe the name stays empty and the steps below use the
   // empty text; the next call that finds the name empty tries again.
-  get_executable_path(work.data(), work.size() - 1, g_name, kNameSize - 1);
+  get_executable_path(work.data(), work.size() - 1, logName, kNameSize - 1);
 
-  snprintf(work.data(), work.size(), "/etc/%s.debug", g_name);
-  if (access(work.data(), F_OK) == 0) g_level.store(kDebugFileLevel, std::memory_order_relaxed);
+  snprintf(work.data(), work.size(), "/etc/%s.debug", logName);
+  if (access(work.data(), F_OK) == 0) logLevel.store(kDebugFileLevel, std::memory_order_relaxed);
 
   // The options follow the level of this moment; later level changes do not
   // reopen syslog.
   closelog();
-  openlog(g_name, level_above(5) ? LOG_PID | LOG_PERROR : LOG_PID, LOG_LOCAL0);
+  openlog(logName, levelAbove(kDebugThreshold) ? LOG_PID | LOG_PERROR : LOG_PID, LOG_LOCAL0);
 
   // A failed mkdir shows up later, as the open failure of each file write.
   if (access(kLogDir, F_OK) != 0) mkdir(kLogDir, kLogDirMode);
-  snprintf(work.data(), work.size(), "/tmp/log/%s.log", g_name);
-  store_path(work.data());
+  snprintf(work.data(), work.size(), "%s/%s.log", kLogDir, logName);
+  storePath(work.data());
 }
 
-void ensure_init() noexcept {
-  if (!named()) lazy_init();
+void ensureSetUp() noexcept {
+  if (!isNamed()) setUp();
 }
 
 // Slow half of a leveled call, kept out of line so that a suppressed message
 // costs only the level test in the caller.
 __attribute__((noinline)) void emit(int priority, const char *fmt, va_list ap) noexcept {
-  ensure_init();
+  ensureSetUp();
   vsyslog(priority, fmt, ap);
 }
 
-void report_failure(const char *what_fmt, const char *path, int err) noexcept {
-  fprintf(stderr, what_fmt, path, strerror(err));
+void reportFailure(const char *whatFmt, const char *path, int err) noexcept {
+  fprintf(stderr, whatFmt, path, strerror(err));
 }
 
-void write_stamp(int fd, pid_t pid, pid_t tid) noexcept {
+void writeStamp(int fd, pid_t pid, pid_t tid) noexcept {
   const time_t now = time(nullptr);
   struct tm tm {};
   localtime_r(&now, &tm);
@@ -119,12 +122,12 @@ void write_stamp(int fd, pid_t pid, pid_t tid) noexcept {
 // The file is opened for each message and closed after it: no descriptor
 // stays open between messages, and the flock orders the three writes of a
 // message against writers in other threads and processes.
-__attribute__((format(printf, 2, 0))) void append_message(const char *path, const char *fmt,
-                                                           va_list ap) noexcept {
+__attribute__((format(printf, 2, 0))) void appendMessage(const char *path, const char *fmt,
+                                                         va_list ap) noexcept {
   const pid_t pid = getpid();
   const pid_t tid = static_cast<pid_t>(syscall(SYS_gettid));
   if (!path) {  // no log file path: the message is lost, like an open failure
-    report_failure("open %s fail, errno : %s\n", "(no log file)", ENOENT);
+    reportFailure("open %s fail, errno : %s\n", "(no log file)", ENOENT);
     return;
   }
 
@@ -135,76 +138,90 @@ __attribute__((format(printf, 2, 0))) void append_message(const char *path, cons
 
   UniqueFd fd(open(path, flags, kLogFileMode));
   if (!fd.valid()) {
-    report_failure("open %s fail, errno : %s\n", path, errno);
+    reportFailure("open %s fail, errno : %s\n", path, errno);
     return;
   }
   // Where flock does not exist at all, writing unlocked beats losing the log.
   if (flock(fd.get(), LOCK_EX) != 0 && errno != ENOSYS) {
-    report_failure("flock %s fail, errno : %s\n", path, errno);
+    reportFailure("flock %s fail, errno : %s\n", path, errno);
     flock(fd.get(), LOCK_UN);
     return;
   }
-  write_stamp(fd.get(), pid, tid);
+  writeStamp(fd.get(), pid, tid);
   vdprintf(fd.get(), fmt, ap);
   flock(fd.get(), LOCK_UN);
 }
 
+// The level as stored, for log_isLevelEnabled: no set-up.
+bool levelEnabled(uint32_t level) noexcept {
+  return logLevel.load(std::memory_order_relaxed) >= level;
+}
+
+void setLevel(uint32_t level) noexcept {
+  ensureSetUp();
+  logLevel.store(level, std::memory_order_relaxed);
+}
+
+void setName(const char *name) noexcept { strncpy(logName, name, kNameSize - 1); }
+
+__attribute__((format(printf, 1, 0))) void appendToOwnFile(const char *fmt, va_list ap) noexcept {
+  ensureSetUp();
+  appendMessage(logPath.load(), fmt, ap);
+}
+
 }  // namespace
+}  // namespace diag
 }  // namespace rk
 
 // One leveled function: suppressed below its threshold before anything else
 // (the format is not even looked at), otherwise sent at its fixed priority.
-#define RK_DEFINE_LEVELED(name, threshold, priority) \
-  int name(const char *fmt, ...) {                   \
-    if (!rk::level_above(threshold) || !fmt) return 0; \
-    va_list ap;                                      \
-    va_start(ap, fmt);                               \
-    rk::emit(priority, fmt, ap);                     \
-    va_end(ap);                                      \
-    return 0;                                        \
+#define RK_DEFINE_LEVELED(name, threshold, priority)        \
+  int name(const char *fmt, ...) {                          \
+    if (!rk::diag::levelAbove(threshold) || !fmt) return 0; \
+    va_list ap;                                             \
+    va_start(ap, fmt);                                      \
+    rk::diag::emit(priority, fmt, ap);                      \
+    va_end(ap);                                             \
+    return 0;                                               \
   }
 
 extern "C" {
 
-RK_DEFINE_LEVELED(log_debug, 5, LOG_DEBUG)
+RK_DEFINE_LEVELED(log_debug, rk::diag::kDebugThreshold, LOG_DEBUG)
 RK_DEFINE_LEVELED(log_trace, 4, LOG_NOTICE)  // more urgent than log_info, on purpose
 RK_DEFINE_LEVELED(log_info, 3, LOG_INFO)
 RK_DEFINE_LEVELED(log_warn, 2, LOG_WARNING)
 RK_DEFINE_LEVELED(log_error, 1, LOG_ERR)
 RK_DEFINE_LEVELED(log_fatal, 0, LOG_EMERG)  // logs only; the process goes on
 
-int log_isLevelEnabled(uint32_t level) {
-  return rk::g_level.load(std::memory_order_relaxed) >= level ? 1 : 0;
-}
+int log_isLevelEnabled(uint32_t level) { return rk::diag::levelEnabled(level) ? 1 : 0; }
 
 int log_setLevel(uint32_t level) {
-  rk::ensure_init();
-  rk::g_level.store(level, std::memory_order_relaxed);
+  rk::diag::setLevel(level);
   return 0;
 }
 
 int log_setName(const char *name) {
   if (!name) return -1;
-  strncpy(rk::g_name, name, rk::kNameSize - 1);
+  rk::diag::setName(name);
   return 0;
 }
 
 void logfile_vprintf(const char *path, const char *fmt, va_list ap) {
-  rk::append_message(path, fmt, ap);
+  rk::diag::appendMessage(path, fmt, ap);
 }
 
 void logfile_printf(const char *path, const char *fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  rk::append_message(path, fmt, ap);
+  rk::diag::appendMessage(path, fmt, ap);
   va_end(ap);
 }
 
 void log_printf_to_flash(const char *fmt, ...) {
-  rk::ensure_init();
   va_list ap;
   va_start(ap, fmt);
-  rk::append_message(rk::g_path.load(), fmt, ap);
+  rk::diag::appendToOwnFile(fmt, ap);
   va_end(ap);
 }
 

@@ -6,5 +6,6 @@
 
 #include <routerkit/log.h>
 
-#define RK_LOG_AS(level, origin, fmt, ...) log_##level("[%s:%d]" fmt, origin, __LINE__, ##__VA_ARGS__)
+#define RK_LOG_AS(level, origin, fmt, ...) \
+  log_##level("[%s:%d]" fmt, origin, __LINE__, ##__VA_ARGS__)
 #define RK_LOG(level, fmt, ...) RK_LOG_AS(level, __func__, fmt, ##__VA_ARGS__)

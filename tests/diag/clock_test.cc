@@ -25,7 +25,7 @@ TEST(Tick, MillisecondsOfAClockReading) {
     timespec ts{};
     ts.tv_sec = sec;
     ts.tv_nsec = nsec;
-    EXPECT_EQ(rk::ticks_of(ts), ticks) << sec << "s " << nsec << "ns";
+    EXPECT_EQ(rk::diag::ticksOf(ts), ticks) << sec << "s " << nsec << "ns";
   }
 }
 

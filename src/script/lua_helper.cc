@@ -16,12 +16,10 @@
 
 #include <routerkit/data_bridge.h>
 
-#include "bridge/bridge.h"
+#include "bridge/lua_protect.h"
 #include "diag/logmsg.h"
 
 namespace {
-
-using rk::bridge::run_protected;
 
 constexpr char kNoName[] = "incorrect argument type to avg[0]";
 
@@ -205,7 +203,7 @@ extern "C" int luaHelperRegister(LuaHelper *helper, const char *name,
                                  const LuaHelperFunction *functions) {
   if (!helper || !helper->state || !name || !functions) return -1;
   Registration job{name, functions, nullptr};
-  if (run_protected(helper->state, 0, register_body, &job, 0) != 1) return -1;
+  if (rk::bridge::runProtected(helper->state, 0, register_body, &job, 0) != 1) return -1;
   if (job.failed) RK_LOG(error, "error strdup(%s)", job.failed);
   return 0;
 }
@@ -214,7 +212,7 @@ extern "C" int luaHelperCall(LuaHelper *helper, const char *path, json_object *a
   if (!helper || !helper->state || !path) return -1;
   lua_State *L = helper->state;
   Call job{path, arg, false};
-  run_protected(L, lua_gettop(L), call_body, &job, 0);
+  rk::bridge::runProtected(L, lua_gettop(L), call_body, &job, 0);
   lua_settop(L, 0);
   if (job.called) return 0;
   RK_LOG(error, "Lua handler provides no %s() callback.", path);

@@ -1,30 +1,38 @@
 // The script host: one Lua state per helper, native function tables as
 // global userdata objects, and calls into the script by dotted name.
 //
-// Lua errors are longjmps here: no object with a destructor lives in a
-// function that calls into Lua. What the library does itself on the state
-// (registering, looking a path up, converting the argument) runs protected,
-// so that an error raised there ends as a result code, never as a jump
-// through the daemon.
+// What the library does itself on the state (registering, looking a path up,
+// converting the argument) runs under runProtected, so that an error raised
+// there ends as a result code, never as a jump through the daemon.
 #include <routerkit/lua_helper.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <type_traits>
+
 #include <json-c/json.h>
 
 #include <routerkit/data_bridge.h>
 
-#include "bridge/bridge.h"
+#include "bridge/lua_protect.h"
 #include "diag/logmsg.h"
+#include "script/host.h"
 
+namespace rk {
+namespace script {
 namespace {
 
-using rk::bridge::run_protected;
+// The metatable's name, "<global>Meta", is cut to fit.
+constexpr size_t kMetaNameSize = 256;
+// A segment of a dotted path, with its NUL; a longer one is cut and ends the path.
+constexpr size_t kSegmentSize = 64;
 
 constexpr char kNoName[] = "incorrect argument type to avg[0]";
 
+// Everything here down to openLibs runs on a Lua frame: none of it is
+// noexcept (see docs/internals.md, "Lua: errors are jumps").
 [[noreturn]] void raise(lua_State *L, const char *text) {
   lua_pushstring(L, text);
   lua_error(L);
@@ -35,7 +43,7 @@ int luaHelperGc(lua_State *L);
 
 // An object of ours has our collector in its metatable; anything else (a
 // file handle, another library's object) is not read as rows.
-bool is_helper_object(lua_State *L) {
+bool isHelperObject(lua_State *L) {
   if (lua_type(L, 1) != LUA_TUSERDATA || !lua_getmetatable(L, 1)) return false;
   lua_pushliteral(L, "__gc");
   lua_rawget(L, -2);
@@ -48,7 +56,7 @@ LuaHelperFunction *luaHelperCheckSelf(lua_State *L) {
   if (lua_gettop(L) < 1) raise(L, "incorrect argument to avg");
   if (!lua_isuserdata(L, 1)) raise(L, "incorrect argument to avg[0]");
   auto *rows = static_cast<LuaHelperFunction *>(lua_touserdata(L, 1));
-  if (!rows || !is_helper_object(L)) raise(L, kNoName);
+  if (!rows || !isHelperObject(L)) raise(L, kNoName);
   return rows;
 }
 
@@ -96,8 +104,10 @@ struct Registration {
   const LuaHelperFunction *functions;
   const char *failed;  // the row whose name could not be copied
 };
+static_assert(std::is_trivially_destructible_v<Registration>,
+              "a Lua error may jump over the frame that holds it");
 
-void register_body(lua_State *L, void *ud) {
+void registerBody(lua_State *L, void *ud) {
   auto *job = static_cast<Registration *>(ud);
   size_t count = 0;
   while (job->functions[count].name) count++;
@@ -106,7 +116,7 @@ void register_body(lua_State *L, void *ud) {
   // Zeroed before the metatable is attached: from then on a walk over the
   // rows always ends.
   memset(rows, 0, size);
-  char meta[256];
+  char meta[kMetaNameSize];
   snprintf(meta, sizeof meta, "%sMeta", job->name);
   luaL_newmetatable(L, meta);
   lua_pushcclosure(L, luaHelperGc, 0);
@@ -130,26 +140,28 @@ struct Call {
   json_object *arg;
   bool called;
 };
+static_assert(std::is_trivially_destructible_v<Call>,
+              "a Lua error may jump over the frame that holds it");
 
 // Pushes field `key` of the value on top, or of the globals when the stack
 // is empty; false when the stack has no room for it.
-bool look_up(lua_State *L, const char *key) {
+bool lookUp(lua_State *L, const char *key) {
   if (!lua_checkstack(L, 1)) return false;
   lua_getfield(L, lua_gettop(L) > 0 ? -1 : LUA_GLOBALSINDEX, key);
   return true;
 }
 
-// Runs protected. A copy of the caller's top value, if the stack held one,
-// is this frame's first value: the first segment is read from it then, as
-// from the top of the caller's stack.
-void call_body(lua_State *L, void *ud) {
+// A copy of the caller's top value, if the stack held one, is this frame's
+// first value: the first segment is read from it then, as from the top of
+// the caller's stack.
+void callBody(lua_State *L, void *ud) {
   auto *job = static_cast<Call *>(ud);
-  char segment[64];
+  char segment[kSegmentSize];
   size_t len = 0;
   for (const char *p = job->path; *p; ++p) {
     if (*p == '.') {
       segment[len] = '\0';
-      if (!look_up(L, segment) || lua_type(L, -1) != LUA_TTABLE) return;
+      if (!lookUp(L, segment) || lua_type(L, -1) != LUA_TTABLE) return;
       len = 0;
     } else if (len == sizeof segment - 1) {
       break;  // the segment is full: it is the last one, the rest is ignored
@@ -158,7 +170,7 @@ void call_body(lua_State *L, void *ud) {
     }
   }
   segment[len] = '\0';
-  if (!look_up(L, segment) || lua_type(L, -1) != LUA_TFUNCTION || !lua_checkstack(L, 1)) return;
+  if (!lookUp(L, segment) || lua_type(L, -1) != LUA_TFUNCTION || !lua_checkstack(L, 1)) return;
   if (job->arg)
     json_to_lua(L, job->arg);
   else
@@ -167,56 +179,73 @@ void call_body(lua_State *L, void *ud) {
   lua_pcall(L, 1, 0, 0);  // a script error stays with the script
 }
 
-int open_libs(lua_State *L) {
+int openLibs(lua_State *L) {
   luaL_openlibs(L);
   return 0;
 }
 
 }  // namespace
 
-extern "C" LuaHelper *CreateLuaHelper(const char *path) {
+LuaHelper *createHelper(const char *path) noexcept {
   auto *helper = static_cast<LuaHelper *>(calloc(1, sizeof(LuaHelper)));
   if (!helper) return nullptr;
   helper->state = luaL_newstate();
-  if (!helper->state || lua_cpcall(helper->state, open_libs, nullptr) != 0) {
-    luaHelperDestroy(helper);
+  if (!helper->state || lua_cpcall(helper->state, openLibs, nullptr) != 0) {
+    destroyHelper(helper);
     return nullptr;
   }
   if (luaL_loadfile(helper->state, path) != 0) {
-    RK_LOG(error, "error load %s", path);
-    luaHelperDestroy(helper);
+    RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
+    destroyHelper(helper);
     return nullptr;
   }
   if (lua_pcall(helper->state, 0, 0, 0) != 0) {
-    RK_LOG(error, "error call %s", path);
-    luaHelperDestroy(helper);
+    RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
+    destroyHelper(helper);
     return nullptr;
   }
   return helper;
 }
 
-extern "C" void luaHelperDestroy(LuaHelper *helper) {
+void destroyHelper(LuaHelper *helper) noexcept {
   if (!helper) return;
   if (helper->state) lua_close(helper->state);
   free(helper);
 }
 
-extern "C" int luaHelperRegister(LuaHelper *helper, const char *name,
-                                 const LuaHelperFunction *functions) {
-  if (!helper || !helper->state || !name || !functions) return -1;
+int registerTable(lua_State *L, const char *name, const LuaHelperFunction *functions) noexcept {
   Registration job{name, functions, nullptr};
-  if (run_protected(helper->state, 0, register_body, &job, 0) != 1) return -1;
-  if (job.failed) RK_LOG(error, "error strdup(%s)", job.failed);
+  if (bridge::runProtected(L, 0, registerBody, &job, 0) != 1) return -1;
+  if (job.failed) RK_LOG_AS(error, "luaHelperRegister", "error strdup(%s)", job.failed);
   return 0;
 }
 
-extern "C" int luaHelperCall(LuaHelper *helper, const char *path, json_object *arg) {
-  if (!helper || !helper->state || !path) return -1;
-  lua_State *L = helper->state;
+int callPath(lua_State *L, const char *path, json_object *arg) noexcept {
   Call job{path, arg, false};
-  run_protected(L, lua_gettop(L), call_body, &job, 0);
+  bridge::runProtected(L, lua_gettop(L), callBody, &job, 0);
   lua_settop(L, 0);
   if (job.called) return 0;
-  RK_LOG(error, "Lua handler provides no %s() callback.", path);
+  RK_LOG_AS(error, "luaHelperCall", "Lua handler provides no %s() callback.", path);
   return -1;
 }
+
+}  // namespace script
+}  // namespace rk
+
+extern "C" {
+
+LuaHelper *CreateLuaHelper(const char *path) { return rk::script::createHelper(path); }
+
+void luaHelperDestroy(LuaHelper *helper) { rk::script::destroyHelper(helper); }
+
+int luaHelperRegister(LuaHelper *helper, const char *name, const LuaHelperFunction *functions) {
+  if (!helper || !helper->state || !name || !functions) return -1;
+  return rk::script::registerTable(helper->state, name, functions);
+}
+
+int luaHelperCall(LuaHelper *helper, const char *path, json_object *arg) {
+  if (!helper || !helper->state || !path) return -1;
+  return rk::script::callPath(helper->state, path, arg);
+}
+
+}  // extern "C"

@@ -11,7 +11,7 @@
 #include <json-c/json.h>
 #include <lua.hpp>
 
-#include "bridge/bridge.h"
+#include "bridge/lua_walk.h"
 #include "common/deps.h"
 #include "rk_test.h"
 

@@ -17,6 +17,9 @@ namespace rk {
 namespace net {
 namespace {
 
+// Only interfaces whose names begin with this take part.
+constexpr char kBridgePrefix[] = "br-lan";
+
 // Network byte order; set once, always to the same value.
 std::atomic<uint32_t> defaultLan{0};
 
@@ -42,7 +45,7 @@ uint32_t word(const void *bytes, size_t i) noexcept {
 bool takesPart(const ifaddrs &entry, int family) noexcept {
   return entry.ifa_addr != nullptr && entry.ifa_netmask != nullptr &&
          (entry.ifa_flags & IFF_RUNNING) != 0 && entry.ifa_addr->sa_family == family &&
-         strncmp(entry.ifa_name, "br-lan", 6) == 0;
+         strncmp(entry.ifa_name, kBridgePrefix, sizeof kBridgePrefix - 1) == 0;
 }
 
 // Each step stores into `out` and reads the candidate back from there. True
@@ -52,7 +55,9 @@ bool stepV4(const ifaddrs &entry, const void *peer, void *out, bool stored) noex
   const uint32_t mask = word(&reinterpret_cast<const sockaddr_in *>(entry.ifa_netmask)->sin_addr, 0);
   const bool sameSubnet = ((word(addr, 0) ^ word(peer, 0)) & mask) == 0;
   // A candidate in the default LAN's subnet (under this entry's mask) gives way.
-  if (sameSubnet || !stored || ((word(out, 0) ^ defaultLanAddress()) & mask) == 0) memcpy(out, addr, 4);
+  if (sameSubnet || !stored || ((word(out, 0) ^ defaultLanAddress()) & mask) == 0) {
+    memcpy(out, addr, sizeof(struct in_addr));
+  }
   return sameSubnet;
 }
 
@@ -64,7 +69,7 @@ bool stepV6(const ifaddrs &entry, const void *peer, void *out, bool stored) noex
   const auto *kept = static_cast<const unsigned char *>(out);
   // A link-local candidate (fe80, all 16 bits) stays; any other gives way.
   const bool linkLocal = stored && kept[0] == 0xfe && kept[1] == 0x80;
-  if (sameSubnet || !linkLocal) memcpy(out, addr, 16);
+  if (sameSubnet || !linkLocal) memcpy(out, addr, sizeof(struct in6_addr));
   return sameSubnet;
 }
 

@@ -31,7 +31,8 @@ constexpr size_t kPingReceiveBufferSize = 1024;  // a longer reply is cut; its f
 constexpr size_t kAddressTextSize = 46;          // INET6_ADDRSTRLEN
 constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
 constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
-constexpr int kIcmp6FilterOption = 1;  // ICMP6_FILTER at level IPPROTO_ICMPV6
+constexpr int kIcmp6FilterOption = 1;     // ICMP6_FILTER at level IPPROTO_ICMPV6
+constexpr size_t kIcmp6FilterWords = 8;  // a bit per message type
 // Offsets inside an echo message.
 constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8;
 
@@ -69,7 +70,7 @@ int createPingSock(int domain, int protocol) noexcept {
   if (domain == AF_INET6) {
     // A set bit blocks its type: router and neighbour discovery and
     // redirects (133..137), which a busy link has plenty of, never reach us.
-    uint32_t filter[8] = {};
+    uint32_t filter[kIcmp6FilterWords] = {};
     filter[133 / 32] = 0x3E0;
     if (setsockopt(fd, IPPROTO_ICMPV6, kIcmp6FilterOption, filter, sizeof filter) != 0)
       RK_LOG(error, "setsockopt:ICMP6_FILTER");  // works without it, reads more

@@ -31,7 +31,7 @@ constexpr size_t kPingReceiveBufferSize = 1024;  // a longer reply is cut; its f
 constexpr size_t kAddressTextSize = 46;          // INET6_ADDRSTRLEN
 constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
 constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
-constexpr int kIcmp6FilterOption = 1;     // ICMP6_FILTER at level IPPROTO_ICMPV6
+constexpr int kIcmp6FilterOption = 1;    // ICMP6_FILTER at level IPPROTO_ICMPV6
 constexpr size_t kIcmp6FilterWords = 8;  // a bit per message type
 // Offsets inside an echo message.
 constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8;

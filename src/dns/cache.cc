@@ -1,10 +1,13 @@
-#include "dns/cache.h"
+// The DNS cache: addresses per name in an AVL tree under one mutex, each
+// address with its own expiry.
+#include <routerkit/async_dns.h>
+#include <routerkit/log.h>  // GetTickCount
 
 #include <stdlib.h>
 #include <string.h>
 
 #include "common/raii.h"
-#include <routerkit/log.h>
+#include "dns/cache.h"
 
 namespace rk {
 namespace dns {
@@ -13,7 +16,7 @@ TickSource cacheClock = GetTickCount;
 
 namespace {
 
-DnsCacheEntry *entry_of(struct avl_node *node) noexcept {
+DnsCacheEntry *entryOf(struct avl_node *node) noexcept {
   // The node is the entry's first member.
   return reinterpret_cast<DnsCacheEntry *>(node);
 }
@@ -41,7 +44,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
   if (entry == nullptr || strcmp(entry->name, name) != 0) {
     struct avl_node *node = avl_find(&cache->tree, name);
     if (node == nullptr) return nullptr;
-    entry = entry_of(node);
+    entry = entryOf(node);
     cache->recent = entry;
   }
   const uint64_t now = cacheClock();
@@ -65,14 +68,14 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
 
 // Resets the tree to empty, then frees the entries along its old ordered
 // list. Runs with the mutex held.
-void empty_tree(DnsCache *cache) noexcept {
+void emptyTree(DnsCache *cache) noexcept {
   DnsCacheEntry *entry;
   DnsCacheEntry *tmp;
   cache->recent = nullptr;
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
-DnsCacheEntry *new_entry(DnsCache *cache, const char *name) noexcept {
+DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
   const size_t length = strlen(name);
   auto *entry = static_cast<DnsCacheEntry *>(malloc(offsetof(DnsCacheEntry, name) + length + 1));
   if (entry == nullptr) return nullptr;
@@ -84,7 +87,7 @@ DnsCacheEntry *new_entry(DnsCache *cache, const char *name) noexcept {
   return entry;
 }
 
-DnsCacheAddress *find_or_add_address(DnsCacheEntry *entry, const DnsAddressEntry *address) noexcept {
+DnsCacheAddress *findOrAddAddress(DnsCacheEntry *entry, const DnsAddressEntry *address) noexcept {
   for (DnsCacheAddress *a = entry->addresses; a != nullptr; a = a->next) {
     if (memcmp(&a->address, address, sizeof a->address) == 0) return a;  // a refresh keeps its place
   }
@@ -99,7 +102,32 @@ DnsCacheAddress *find_or_add_address(DnsCacheEntry *entry, const DnsAddressEntry
 
 }  // namespace
 
-int cache_get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept {
+DnsCache *createCache() noexcept {
+  auto *cache = static_cast<DnsCache *>(calloc(1, sizeof(DnsCache)));
+  if (cache == nullptr) return nullptr;
+  avl_init(&cache->tree, avl_strcmp, false, nullptr);
+  if (pthread_mutex_init(&cache->mutex, nullptr) != 0) {
+    free(cache);
+    return nullptr;
+  }
+  return cache;
+}
+
+void destroyCache(DnsCache *cache) noexcept {
+  {
+    MutexLock lock(&cache->mutex);
+    emptyTree(cache);
+  }
+  pthread_mutex_destroy(&cache->mutex);
+  free(cache);
+}
+
+void cleanCache(DnsCache *cache) noexcept {
+  MutexLock lock(&cache->mutex);
+  emptyTree(cache);
+}
+
+int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept {
   if (name == nullptr || result == nullptr || cache == nullptr) return -1;
   MutexLock lock(&cache->mutex);
   const DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
@@ -112,17 +140,17 @@ int cache_get(DnsCache *cache, const char *name, DnsResult *result, int maxCount
   return 0;
 }
 
-void cache_put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
+void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
   if (cache == nullptr || name == nullptr || address == nullptr || ttl == 0) return;
   MutexLock lock(&cache->mutex);
   DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
   if (entry == nullptr) {
-    entry = new_entry(cache, name);
+    entry = newEntry(cache, name);
     // Without memory for the address the new entry stays empty; the next
     // expiry walk over this name removes it.
     if (entry == nullptr) return;
   }
-  DnsCacheAddress *a = find_or_add_address(entry, address);
+  DnsCacheAddress *a = findOrAddAddress(entry, address);
   if (a == nullptr) return;
   // A repeat overwrites the expiry, which may shorten it.
   a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
@@ -133,44 +161,26 @@ void cache_put(DnsCache *cache, const char *name, const DnsAddressEntry *address
 
 extern "C" {
 
-DnsCache *DnsCacheCreate(void) {
-  auto *cache = static_cast<DnsCache *>(calloc(1, sizeof(DnsCache)));
-  if (cache == nullptr) return nullptr;
-  avl_init(&cache->tree, avl_strcmp, false, nullptr);
-  if (pthread_mutex_init(&cache->mutex, nullptr) != 0) {
-    free(cache);
-    return nullptr;
-  }
-  return cache;
-}
+DnsCache *DnsCacheCreate(void) { return rk::dns::createCache(); }
 
 void DnsCacheDestroy(DnsCache *cache) {
-  if (cache == nullptr) return;
-  {
-    rk::MutexLock lock(&cache->mutex);
-    rk::dns::empty_tree(cache);
-  }
-  pthread_mutex_destroy(&cache->mutex);
-  free(cache);
+  if (cache != nullptr) rk::dns::destroyCache(cache);
 }
 
 int DnsCache_Get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) {
-  return rk::dns::cache_get(cache, name, result, maxCount);
+  return rk::dns::cacheGet(cache, name, result, maxCount);
 }
 
 void DnsCache_Put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) {
-  rk::dns::cache_put(cache, name, address, ttl);
+  rk::dns::cachePut(cache, name, address, ttl);
 }
 
 void DnsCache_Clean(DnsCache *cache) {
-  if (cache == nullptr) return;
-  rk::MutexLock lock(&cache->mutex);
-  rk::dns::empty_tree(cache);
+  if (cache != nullptr) rk::dns::cleanCache(cache);
 }
 
 void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds) {
-  if (cache == nullptr) return;  // a precondition; refusing costs one test
-  cache->minCacheTime = seconds;
+  if (cache != nullptr) cache->minCacheTime = seconds;
 }
 
 }  // extern "C"

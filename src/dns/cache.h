@@ -32,9 +32,14 @@ struct DnsCacheEntry {
 using TickSource = uint64_t (*)();
 extern TickSource cacheClock;
 
-// What the exported DnsCache_Get/DnsCache_Put do, for callers inside the library.
-int cache_get(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept;
-void cache_put(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept;
+// What the exported DnsCache functions do, for callers inside the library.
+// The first three want a cache that is not null; cacheGet and cachePut check
+// their arguments as DnsCache_Get and DnsCache_Put do.
+DnsCache *createCache() noexcept;
+void destroyCache(DnsCache *cache) noexcept;
+void cleanCache(DnsCache *cache) noexcept;
+int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount) noexcept;
+void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept;
 
 // The addresses `minCacheTime` and `ttl` give, in milliseconds: the minimum
 // is added to a shorter ttl (not taken instead of it), in 32 bits, and the

@@ -1,10 +1,11 @@
-#include "dns/codec.h"
+// The DNS wire format as this client speaks it: queries and name conversions.
+#include <routerkit/async_dns.h>
 
 #include <arpa/inet.h>
 #include <string.h>
 
 #include "diag/logmsg.h"
-#include "dns/internal.h"
+#include "dns/codec.h"
 
 namespace rk {
 namespace dns {
@@ -23,7 +24,7 @@ void put16(uint8_t *p, uint16_t v) noexcept {
 // the right, so the text is copied in one piece; then the length byte of each
 // label goes where its dot (or, for the first, index 0) landed, and the root's
 // zero byte at the end. A label length keeps only its low 8 bits.
-void encode_labels(uint8_t *out, const char *name, size_t length) noexcept {
+void encodeLabels(uint8_t *out, const char *name, size_t length) noexcept {
   memcpy(out + 1, name, length);
   size_t p = 0;
   for (;;) {
@@ -44,7 +45,7 @@ void ChangeNameToDnsLabels(uint8_t *out, const char *name, int32_t size) noexcep
     return;
   }
   // The text that fits: up to its terminator, and never past index size - 2.
-  encode_labels(out, name, strnlen(name, static_cast<size_t>(size) - 2));
+  encodeLabels(out, name, strnlen(name, static_cast<size_t>(size) - 2));
 }
 
 size_t ChangeLabelsToDnsName(char *out, WireView labels) noexcept {
@@ -99,7 +100,7 @@ void ReverseDnsName(char *out, const char *text, int32_t length) noexcept {
   out[length] = '\0';
 }
 
-size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_t nameLength,
+size_t buildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_t nameLength,
                   uint16_t qtype) noexcept {
   memcpy(buf, &idNetworkOrder, sizeof idNetworkOrder);
   buf[2] = kFlagRecursionDesired;
@@ -109,14 +110,14 @@ size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_
   if (nameLength != 0) {
     // The same as ChangeNameToDnsLabels with a size of L + 2, which takes
     // the whole text; its length is known here already.
-    encode_labels(buf + kHeaderSize, name, nameLength);
+    encodeLabels(buf + kHeaderSize, name, nameLength);
   }
   put16(buf + kHeaderSize + nameLength + 4, kClassIn);
-  SetQueryType(buf, nameLength, qtype);
+  setQueryType(buf, nameLength, qtype);
   return nameLength + kQueryOverhead;
 }
 
-void SetQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept {
+void setQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept {
   put16(buf + kHeaderSize + nameLength + 2, qtype);
 }
 
@@ -134,7 +135,7 @@ void ChangeAddrToDnsName(const void *address, char *out) noexcept {
   strncpy(out + length, kReverseSuffix, static_cast<size_t>(kPtrNameSize - 1 - length));
 }
 
-void ChangeDnsNameToAddr(const char *name, struct in_addr *out) noexcept {
+void changeDnsNameToAddr(const char *name, struct in_addr *out) noexcept {
   char text[kPtrAddressTextSize] = {};
   const int length = static_cast<int>(strlen(name)) - static_cast<int>(sizeof kReverseSuffix - 1);
   // ReverseDnsName writes length + 1 bytes. A longer text would be no

@@ -31,6 +31,10 @@ constexpr uint8_t kFlagRecursionDesired = 0x01;
 constexpr size_t kNameBufferSize = 256;
 // The decoder never reads further than this many bytes from where it starts.
 constexpr size_t kNameDecodeSpan = 254;
+// The name of a reverse lookup ("d.c.b.a.in-addr.arpa") and the dotted
+// address text it is made from or read back into.
+constexpr size_t kPtrNameSize = 64;
+constexpr size_t kPtrAddressTextSize = 64;
 
 // Read-only bytes of a received datagram that know their own length. Every
 // read behind the end yields zero, which is exactly what a zero-filled
@@ -93,17 +97,17 @@ void ReverseDnsName(char *out, const char *text, int32_t length) noexcept;
 void ChangeAddrToDnsName(const void *address, char *out) noexcept;
 // The address a PTR question `name` ("d.c.b.a.in-addr.arpa") asks about;
 // `out` stays as it is when the name holds no address.
-void ChangeDnsNameToAddr(const char *name, struct in_addr *out) noexcept;
+void changeDnsNameToAddr(const char *name, struct in_addr *out) noexcept;
 
 // Builds a query for `name` (L = `nameLength` bytes) in `buf`, which must be
 // zero-filled and hold L + 18 bytes: the identifier (already in network
 // order) as it stands, recursion desired, one question, the encoded name
 // (left as the buffer's two zero bytes for an empty name), `qtype` and class
 // IN. Returns L + 18.
-size_t BuildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_t nameLength,
+size_t buildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_t nameLength,
                   uint16_t qtype) noexcept;
 // Overwrites the QTYPE of a query built for a name of `nameLength` bytes.
-void SetQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept;
+void setQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept;
 
 }  // namespace dns
 }  // namespace rk

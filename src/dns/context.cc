@@ -1,3 +1,7 @@
+// The resolver context: its two sockets on the caller's loop, its server
+// lists, and the sending of one query to every server.
+#include <routerkit/async_dns.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -7,10 +11,11 @@
 
 #include <type_traits>
 
-#include "common/socket.h"
+#include "common/socket_client.h"
 #include "diag/logmsg.h"
+#include "dns/answer.h"
 #include "dns/cache.h"
-#include "dns/internal.h"
+#include "dns/query.h"
 
 // Daemons read these records directly, and the socket handlers find the
 // context from the uloop_fd they are given, so the layout is interface.
@@ -47,7 +52,6 @@ static_assert(offsetof(rk::dns::DnsCacheEntry, node) == 0, "the node is the entr
 
 namespace rk {
 namespace dns {
-
 namespace {
 
 // One per process, shared by all contexts; stepped without a lock, like
@@ -57,58 +61,25 @@ uint32_t dnsIdCounter = 0;
 // An unbound UDP socket with a large receive buffer, so that bursts of
 // answers from many servers are not dropped before the loop gets to them.
 int createDnsSock(int family) noexcept {
-  return rk::open_buffered_socket(__func__, family, SOCK_DGRAM, IPPROTO_UDP);
+  return openClientSocket(__func__, family, SOCK_DGRAM, IPPROTO_UDP);
 }
 
-// The work of both socket handlers: an error or eof closes the socket for
-// good, a read event takes exactly one datagram and renews the registration.
+// The work of both socket handlers. A socket lost to end of file stays
+// registered; destroy skips it like any closed one.
 void handleDnsSockEvent(AsyncDnsContext *context, struct uloop_fd *u, unsigned int events) noexcept {
-  if (u->error) {
-    uloop_fd_delete(u);
-    close(u->fd);
-    u->fd = -1;
-    return;
-  }
-  if (u->eof) {
-    close(u->fd);
-    u->fd = -1;
-    return;
-  }
-  if ((events & ULOOP_READ) == 0) return;
-  checkDnsSocket(context, u->fd);
-  uloop_fd_add(u, ULOOP_READ);
+  handleClientEvent(context, u, events, checkDnsSocket);
 }
 
 void dnsSockCallback(struct uloop_fd *u, unsigned int events) {
-  if (u == nullptr) return;
-  // dnsSock is the context's first member.
-  handleDnsSockEvent(reinterpret_cast<AsyncDnsContext *>(u), u, events);
+  if (u != nullptr) handleDnsSockEvent(clientOf<AsyncDnsContext>(u, 0), u, events);
 }
 
 void dns6SockCallback(struct uloop_fd *u, unsigned int events) {
-  if (u == nullptr) return;
-  // dns6Sock lies directly behind dnsSock, so one uloop_fd back is the context.
-  auto *context = reinterpret_cast<AsyncDnsContext *>(reinterpret_cast<char *>(u) - sizeof(struct uloop_fd));
-  handleDnsSockEvent(context, u, events);
+  if (u != nullptr) handleDnsSockEvent(clientOf<AsyncDnsContext>(u, 1), u, events);
 }
 
-bool open_socket(struct uloop_fd *u, int family, uloop_fd_handler handler) noexcept {
-  u->fd = createDnsSock(family);
-  if (u->fd < 0) return false;
-  u->cb = handler;
-  uloop_fd_add(u, ULOOP_READ);
-  return true;
-}
-
-void close_socket(struct uloop_fd *u) noexcept {
-  if (u->fd < 0) return;  // never opened, or closed by an error or eof event
-  uloop_fd_delete(u);
-  close(u->fd);
-  u->fd = -1;
-}
-
-int send_to(int fd, struct list_head *servers, const uint8_t *packet, int32_t length,
-           size_t addressOffset, socklen_t addressLength) noexcept {
+int sendTo(int fd, struct list_head *servers, const uint8_t *packet, int32_t length, size_t addressOffset,
+           socklen_t addressLength) noexcept {
   // Both server records are the list links followed by the socket address.
   for (struct list_head *p = servers->next; p != servers; p = p->next) {
     const auto *address = reinterpret_cast<const struct sockaddr *>(reinterpret_cast<const char *>(p) + addressOffset);
@@ -118,26 +89,52 @@ int send_to(int fd, struct list_head *servers, const uint8_t *packet, int32_t le
   return 0;
 }
 
-// The body of both server adders: `address` goes to the end of `servers`
-// unless a server with the same address (the `in` member of the socket
-// address) is there already. `caller` names the adder in its message.
+// A server on the DNS port at the address `text` gives; false when the text
+// is no address of the family.
+bool serverAddress(const char *text, struct sockaddr_in *out) noexcept {
+  out->sin_family = AF_INET;
+  out->sin_port = htons(kDnsPort);
+  return inet_pton(AF_INET, text, &out->sin_addr) > 0;
+}
+
+bool serverAddress(const char *text, struct sockaddr_in6 *out) noexcept {
+  out->sin6_family = AF_INET6;
+  out->sin6_port = htons(kDnsPort);
+  return inet_pton(AF_INET6, text, &out->sin6_addr) > 0;
+}
+
+// How an adder reports a text that is no address: the text between `before`
+// and `after`.
+struct Refusal {
+  const char *before;
+  const char *after;
+};
+
+// The adders' work behind their null checks: the server at `text` goes to the
+// end of `servers` unless one with the same address (the `in` member of the
+// socket address) is there already. Messages name `origin`, the adder.
 template <typename Server, typename SockAddr, typename InAddr>
-int add_server(struct list_head *servers, const SockAddr &address, InAddr SockAddr::*in, const char *caller,
-               const char *text) noexcept {
+int addServer(struct list_head *servers, InAddr SockAddr::*in, const char *text, const char *origin,
+              Refusal refusal) noexcept {
+  SockAddr address = {};
+  if (!serverAddress(text, &address)) {
+    RK_LOG_AS(error, origin, "%s%s%s", refusal.before, text, refusal.after);
+    return -1;
+  }
   Server *server;
   list_for_each_entry(server, servers, list) {
     if (memcmp(&(server->addr.*in), &(address.*in), sizeof(InAddr)) == 0) return 0;
   }
   server = static_cast<Server *>(calloc(1, sizeof(Server)));
   if (server == nullptr) return -1;
-  log_info("[%s:%d]add %s", caller, __LINE__, text);
+  RK_LOG_AS(info, origin, "add %s", text);
   server->addr = address;
   list_add_tail(&server->list, servers);
   return 0;
 }
 
 template <typename Server>
-void clean_servers(struct list_head *servers) noexcept {
+void cleanServers(struct list_head *servers) noexcept {
   Server *server;
   Server *tmp;
   list_for_each_entry_safe(server, tmp, servers, list) {
@@ -147,32 +144,17 @@ void clean_servers(struct list_head *servers) noexcept {
   INIT_LIST_HEAD(servers);
 }
 
-}  // namespace
-
-int sendDnsQuery(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
-  if (context == nullptr || context->dnsSock.fd < 0) return -1;
-  return send_to(context->dnsSock.fd, &context->servers, packet, length, offsetof(DnsServer, addr),
-                sizeof(struct sockaddr_in));
+void destroyContext(AsyncDnsContext *context) noexcept {
+  closeClientSocket(&context->dnsSock, CloseRule::kSkipClosed);
+  closeClientSocket(&context->dns6Sock, CloseRule::kSkipClosed);
+  cleanServers<DnsServer>(&context->servers);
+  cleanServers<DnsServer6>(&context->servers6);
+  if (context->cache != nullptr) destroyCache(context->cache);
+  free(context);
 }
 
-int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
-  if (context == nullptr || context->dns6Sock.fd < 0) return -1;
-  return send_to(context->dns6Sock.fd, &context->servers6, packet, length, offsetof(DnsServer6, addr),
-                sizeof(struct sockaddr_in6));
-}
-
-void send_to_all(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept {
-  sendDnsQuery(context, query, static_cast<int32_t>(length));
-  sendDnsQuery6(context, query, static_cast<int32_t>(length));
-}
-
-}  // namespace dns
-}  // namespace rk
-
-extern "C" {
-
-AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) {
-  using namespace rk::dns;
+// Messages name `origin`, the exported creator.
+AsyncDnsContext *createContext(AsyncDnsCallback callback, const char *origin) noexcept {
   auto *context = static_cast<AsyncDnsContext *>(calloc(1, sizeof(AsyncDnsContext)));
   if (context == nullptr) return nullptr;
   // The first context of a process carries the process id as its identifier,
@@ -187,73 +169,78 @@ AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) {
   context->dns6Sock.fd = -1;
 
   // Both families are required: a system without IPv6 sockets gets no context.
-  if (!open_socket(&context->dnsSock, AF_INET, dnsSockCallback)) {
-    RK_LOG(error, "error dnsSock");
-  } else if (!open_socket(&context->dns6Sock, AF_INET6, dns6SockCallback)) {
-    RK_LOG(error, "error dns6Sock");
-  } else if ((context->cache = DnsCacheCreate()) != nullptr) {
+  if (!watchClientSocket(&context->dnsSock, createDnsSock(AF_INET), dnsSockCallback)) {
+    RK_LOG_AS(error, origin, "error dnsSock");
+  } else if (!watchClientSocket(&context->dns6Sock, createDnsSock(AF_INET6), dns6SockCallback)) {
+    RK_LOG_AS(error, origin, "error dns6Sock");
+  } else if ((context->cache = createCache()) != nullptr) {
     return context;
   }
-  asyncDns_destroy(context);
+  destroyContext(context);
   return nullptr;
 }
 
+}  // namespace
+
+int sendDnsQuery(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
+  if (context == nullptr || context->dnsSock.fd < 0) return -1;
+  return sendTo(context->dnsSock.fd, &context->servers, packet, length, offsetof(DnsServer, addr),
+                sizeof(struct sockaddr_in));
+}
+
+int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t length) noexcept {
+  if (context == nullptr || context->dns6Sock.fd < 0) return -1;
+  return sendTo(context->dns6Sock.fd, &context->servers6, packet, length, offsetof(DnsServer6, addr),
+                sizeof(struct sockaddr_in6));
+}
+
+void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept {
+  sendDnsQuery(context, query, static_cast<int32_t>(length));
+  sendDnsQuery6(context, query, static_cast<int32_t>(length));
+}
+
+}  // namespace dns
+}  // namespace rk
+
+extern "C" {
+
+AsyncDnsContext *asyncDns_create(AsyncDnsCallback callback) { return rk::dns::createContext(callback, __func__); }
+
 int asyncDns_destroy(AsyncDnsContext *context) {
-  if (context == nullptr) return 0;  // a precondition; refusing costs one test
-  rk::dns::close_socket(&context->dnsSock);
-  rk::dns::close_socket(&context->dns6Sock);
-  asyncDns_cleanServer(context);
-  asyncDns_cleanServer6(context);
-  if (context->cache != nullptr) DnsCacheDestroy(context->cache);
-  free(context);
+  if (context != nullptr) rk::dns::destroyContext(context);
   return 0;
 }
 
 int asyncDns_AddServer(AsyncDnsContext *context, const char *szServer) {
   if (szServer == nullptr || context == nullptr) {
-    RK_LOG(error, "szServer=%p or context=%p", static_cast<const void *>(szServer),
-                 static_cast<void *>(context));
+    RK_LOG(error, "szServer=%p or context=%p", static_cast<const void *>(szServer), static_cast<void *>(context));
     return -1;
   }
-  struct sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(rk::dns::kDnsPort);
-  if (inet_pton(AF_INET, szServer, &address.sin_addr) <= 0) {
-    RK_LOG(error, "szServer=%s", szServer);
-    return -1;
-  }
-  return rk::dns::add_server<DnsServer>(&context->servers, address, &sockaddr_in::sin_addr, __func__, szServer);
+  return rk::dns::addServer<DnsServer>(&context->servers, &sockaddr_in::sin_addr, szServer, __func__,
+                                       {"szServer=", ""});
 }
 
 int asyncDns_AddServer6(AsyncDnsContext *context, const char *szServer) {
   if (szServer == nullptr || context == nullptr) return -1;
-  struct sockaddr_in6 address = {};
-  address.sin6_family = AF_INET6;
-  address.sin6_port = htons(rk::dns::kDnsPort);
-  if (inet_pton(AF_INET6, szServer, &address.sin6_addr) <= 0) {
-    RK_LOG(error, "%s is not ipv6", szServer);
-    return -1;
-  }
-  return rk::dns::add_server<DnsServer6>(&context->servers6, address, &sockaddr_in6::sin6_addr, __func__, szServer);
+  return rk::dns::addServer<DnsServer6>(&context->servers6, &sockaddr_in6::sin6_addr, szServer, __func__,
+                                        {"", " is not ipv6"});
 }
 
 void asyncDns_cleanServer(AsyncDnsContext *context) {
-  if (context != nullptr) rk::dns::clean_servers<DnsServer>(&context->servers);
+  if (context != nullptr) rk::dns::cleanServers<DnsServer>(&context->servers);
 }
 
 void asyncDns_cleanServer6(AsyncDnsContext *context) {
-  if (context != nullptr) rk::dns::clean_servers<DnsServer6>(&context->servers6);
+  if (context != nullptr) rk::dns::cleanServers<DnsServer6>(&context->servers6);
 }
 
 int asyncDns_cleanCache(AsyncDnsContext *context) {
-  if (context == nullptr) return 0;
-  DnsCache_Clean(context->cache);
+  if (context != nullptr) DnsCache_Clean(context->cache);
   return 0;
 }
 
 int asyncDns_setMinDnsCache(AsyncDnsContext *context, uint32_t seconds) {
-  if (context == nullptr) return 0;  // a precondition; refusing costs one test
-  DnsCache_setMinCacheTime(context->cache, seconds);
+  if (context != nullptr) DnsCache_setMinCacheTime(context->cache, seconds);
   return 0;
 }
 

@@ -1,27 +1,29 @@
+// Lookups: a name or an IPv4 address is asked of every server at once, or a
+// name is answered from the cache inside the call.
+#include <routerkit/async_dns.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <string.h>
 
 #include "dns/cache.h"
 #include "dns/codec.h"
-#include "dns/internal.h"
+#include "dns/query.h"
 
+namespace rk {
+namespace dns {
+namespace {
 
-extern "C" {
-
-int asyncLookup(AsyncDnsContext *context, const char *name) {
-  using namespace rk::dns;
+int lookup(AsyncDnsContext *context, const char *name) noexcept {
   // One buffer serves first as the DnsResult of a cache hit and then, still
   // all zero after a miss, as the query.
-  alignas(DnsResult) uint8_t buffer[kLookupBufferSize];
-  memset(buffer, 0, sizeof buffer);
-  if (context == nullptr || name == nullptr) return -1;
+  alignas(DnsResult) uint8_t buffer[kLookupBufferSize] = {};
 
   // Without a callback nobody could take a cached answer, so the cache is
   // not read at all.
   if (context->cache != nullptr && context->callback != nullptr) {
     auto *cached = reinterpret_cast<DnsResult *>(buffer);
-    if (cache_get(context->cache, name, cached, kLookupCacheSlots) == 0) {  // only ever with addresses
+    if (cacheGet(context->cache, name, cached, kLookupCacheSlots) == 0) {  // only ever with addresses
       context->callback(context, name, cached);
       return 0;
     }
@@ -30,26 +32,37 @@ int asyncLookup(AsyncDnsContext *context, const char *name) {
   // The limit is the buffer, not a DNS rule.
   const size_t length = strlen(name);
   if (length + kQueryOverhead > sizeof buffer) return -1;
-  const size_t size = BuildQuery(buffer, context->id, name, length, kTypeA);
-  send_to_all(context, buffer, size);
-  SetQueryType(buffer, length, kTypeAaaa);
-  send_to_all(context, buffer, size);
+  const size_t size = buildQuery(buffer, context->id, name, length, kTypeA);
+  sendToAll(context, buffer, size);
+  setQueryType(buffer, length, kTypeAaaa);
+  sendToAll(context, buffer, size);
   return 0;
 }
 
-int asyncLookupPtr(AsyncDnsContext *context, const void *address) {
-  using namespace rk::dns;
-  uint8_t query[kPtrQueryBufferSize];
-  char name[kPtrNameSize];
-  memset(query, 0, sizeof query);
-  memset(name, 0, sizeof name);
-  if (context == nullptr || address == nullptr) return -1;
-
+int lookupPtr(AsyncDnsContext *context, const void *address) noexcept {
+  uint8_t query[kPtrQueryBufferSize] = {};
+  char name[kPtrNameSize] = {};
   // A failed conversion leaves the name empty, and the empty question goes out.
   ChangeAddrToDnsName(address, name);
-  const size_t size = BuildQuery(query, context->id, name, strlen(name), kTypePtr);
-  send_to_all(context, query, size);
+  const size_t size = buildQuery(query, context->id, name, strlen(name), kTypePtr);
+  sendToAll(context, query, size);
   return 0;
+}
+
+}  // namespace
+}  // namespace dns
+}  // namespace rk
+
+extern "C" {
+
+int asyncLookup(AsyncDnsContext *context, const char *name) {
+  if (context == nullptr || name == nullptr) return -1;
+  return rk::dns::lookup(context, name);
+}
+
+int asyncLookupPtr(AsyncDnsContext *context, const void *address) {
+  if (context == nullptr || address == nullptr) return -1;
+  return rk::dns::lookupPtr(context, address);
 }
 
 }  // extern "C"

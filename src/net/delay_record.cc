@@ -10,6 +10,7 @@
 #include "common/raii.h"
 
 namespace rk {
+namespace net {
 namespace {
 
 constexpr char kStatePath[] = "/var/run/internet.state";
@@ -24,13 +25,13 @@ struct InternetDelayRecord {
 };
 
 // One line as a write makes it, "<label> <digits>", or false.
-bool parse_record(const char *line, size_t len, InternetDelayRecord &record) noexcept {
+bool parseRecord(const char *line, size_t len, InternetDelayRecord &record) noexcept {
   const auto *blank = static_cast<const char *>(memchr(line, ' ', len));
   if (blank == nullptr) return false;
-  const size_t label_len = static_cast<size_t>(blank - line);
-  const size_t digits = len - label_len - 1;
-  if (label_len == 0 || label_len >= kLabelSize || digits == 0 || digits > kMaxDigits) return false;
-  for (size_t i = 0; i < label_len; ++i) {
+  const size_t labelLength = static_cast<size_t>(blank - line);
+  const size_t digits = len - labelLength - 1;
+  if (labelLength == 0 || labelLength >= kLabelSize || digits == 0 || digits > kMaxDigits) return false;
+  for (size_t i = 0; i < labelLength; ++i) {
     if (line[i] == '\0' || isspace(static_cast<unsigned char>(line[i]))) return false;
   }
   uint64_t value = 0;
@@ -39,8 +40,8 @@ bool parse_record(const char *line, size_t len, InternetDelayRecord &record) noe
     value = value * 10 + static_cast<uint64_t>(*p - '0');
   }
   if (value > UINT32_MAX) return false;
-  memcpy(record.label, line, label_len);
-  record.label[label_len] = '\0';
+  memcpy(record.label, line, labelLength);
+  record.label[labelLength] = '\0';
   record.delay = static_cast<uint32_t>(value);
   return true;
 }
@@ -53,42 +54,39 @@ int loadInternetDelays(InternetDelayRecord (&records)[kMaxRecords]) noexcept {
   int count = 0;
   char line[kMaxLine];
   size_t len = 0;
-  bool too_long = false;
+  bool tooLong = false;
   while (count < kMaxRecords) {
     const int c = getc(file.get());
     if (c != '\n' && c != EOF) {
       if (len < sizeof line)
         line[len++] = static_cast<char>(c);
       else
-        too_long = true;
+        tooLong = true;
       continue;
     }
-    if (!too_long && parse_record(line, len, records[count])) ++count;
+    if (!tooLong && parseRecord(line, len, records[count])) ++count;
     if (c == EOF) break;
     len = 0;
-    too_long = false;
+    tooLong = false;
   }
   return count;
 }
 
-}  // namespace
-}  // namespace rk
-
-extern "C" {
-
-int setInternetDelay(const char *label, uint32_t delay) {
-  rk::InternetDelayRecord old[rk::kMaxRecords];
-  const int count = rk::loadInternetDelays(old);
-  rk::FilePtr file(fopen(rk::kStatePath, "w"));
+// The new record first, then the old ones; -1 when the file can't be written.
+int storeDelay(const char *label, uint32_t delay) noexcept {
+  InternetDelayRecord old[kMaxRecords];
+  const int count = loadInternetDelays(old);
+  FilePtr file(fopen(kStatePath, "w"));
   if (!file) return -1;
   fprintf(file.get(), "%s %" PRIu32 "\n", label, delay);
   for (int i = 0; i < count; ++i) fprintf(file.get(), "%s %" PRIu32 "\n", old[i].label, old[i].delay);
   return 0;
 }
 
-int getInternetDelay(uint32_t *delay) {
-  rk::InternetDelayRecord records[rk::kMaxRecords];
-  const int count = rk::loadInternetDelays(records);
+// The mean of the records, or -1 when there are none.
+int averageDelay(uint32_t *delay) noexcept {
+  InternetDelayRecord records[kMaxRecords];
+  const int count = loadInternetDelays(records);
   if (count == 0) return -1;
   uint32_t total = 0;  // wraps at 32 bits
   for (int i = 0; i < count; ++i) total += records[i].delay;
@@ -96,8 +94,21 @@ int getInternetDelay(uint32_t *delay) {
   return 0;
 }
 
+// Truncates the file, or leaves it as it is when it can't be opened.
+void clearDelays() noexcept { FilePtr file(fopen(kStatePath, "w")); }
+
+}  // namespace
+}  // namespace net
+}  // namespace rk
+
+extern "C" {
+
+int setInternetDelay(const char *label, uint32_t delay) { return rk::net::storeDelay(label, delay); }
+
+int getInternetDelay(uint32_t *delay) { return rk::net::averageDelay(delay); }
+
 int clearInternetDelay(void) {
-  rk::FilePtr file(fopen(rk::kStatePath, "w"));
+  rk::net::clearDelays();
   return 0;
 }
 

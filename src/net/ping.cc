@@ -1,6 +1,8 @@
 // ICMP and ICMPv6 echo on the caller's uloop. The send tick travels in the
 // echo payload, so nothing is kept per request: a reply carries everything
 // its round-trip time needs.
+#include <routerkit/async_ping.h>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdlib.h>
@@ -10,10 +12,8 @@
 
 #include <type_traits>
 
-#include "common/deps.h"
-#include "common/socket.h"
+#include "common/socket_client.h"
 #include "diag/logmsg.h"
-#include <routerkit/async_ping.h>
 
 // The socket handlers find the context from the uloop_fd they are given.
 static_assert(offsetof(AsyncPingContext, pingSock) == 0, "the context is its IPv4 uloop_fd");
@@ -25,13 +25,14 @@ namespace rk {
 namespace net {
 namespace {
 
-constexpr size_t kEcho4Size = 36;          // header, tick, 20 bytes of zeros
-constexpr size_t kEcho6Size = 16;          // header, tick
-constexpr size_t kReceiveBufferSize = 1024;  // a longer reply is cut; its fields lie in front
-constexpr size_t kAddressTextSize = 46;    // INET6_ADDRSTRLEN
+constexpr size_t kEcho4Size = 36;                // header, tick, 20 bytes of zeros
+constexpr size_t kEcho6Size = 16;                // header, tick
+constexpr size_t kPingReceiveBufferSize = 1024;  // a longer reply is cut; its fields lie in front
+constexpr size_t kAddressTextSize = 46;          // INET6_ADDRSTRLEN
 constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
 constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
-constexpr int kIcmp6FilterOption = 1;  // ICMP6_FILTER at level IPPROTO_ICMPV6
+constexpr int kIcmp6FilterOption = 1;    // ICMP6_FILTER at level IPPROTO_ICMPV6
+constexpr size_t kIcmp6FilterWords = 8;  // a bit per message type
 // Offsets inside an echo message.
 constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8;
 
@@ -64,12 +65,12 @@ uint16_t pingChecksum(const uint8_t *buffer, size_t length) noexcept {
 }
 
 int createPingSock(int domain, int protocol) noexcept {
-  const int fd = rk::open_buffered_socket(__func__, domain, SOCK_RAW, protocol);
+  const int fd = openClientSocket(__func__, domain, SOCK_RAW, protocol);
   if (fd < 0) return -1;
   if (domain == AF_INET6) {
     // A set bit blocks its type: router and neighbour discovery and
     // redirects (133..137), which a busy link has plenty of, never reach us.
-    uint32_t filter[8] = {};
+    uint32_t filter[kIcmp6FilterWords] = {};
     filter[133 / 32] = 0x3E0;
     if (setsockopt(fd, IPPROTO_ICMPV6, kIcmp6FilterOption, filter, sizeof filter) != 0)
       RK_LOG(error, "setsockopt:ICMP6_FILTER");  // works without it, reads more
@@ -79,8 +80,8 @@ int createPingSock(int domain, int protocol) noexcept {
 
 // Builds an echo request of `length` bytes in `packet` (zeroed by the
 // caller) and sends it. The sequence counter is shared by both families.
-int send_echo(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, size_t length,
-              const struct sockaddr *address, socklen_t addressLength) noexcept {
+int sendEcho(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, size_t length,
+             const struct sockaddr *address, socklen_t addressLength) noexcept {
   packet[0] = type;
   memcpy(packet + kIdAt, &context->id, sizeof context->id);
   const uint16_t seq = htons(context->seq++);
@@ -95,16 +96,16 @@ int send_echo(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, 
 int sendPing4(AsyncPingContext *context, const struct sockaddr *address) noexcept {
   if (context == nullptr || context->pingSock.fd < 0 || address == nullptr) return -1;
   uint8_t packet[kEcho4Size] = {};
-  return send_echo(context, context->pingSock.fd, kEchoRequest4, packet, sizeof packet, address,
-                   sizeof(struct sockaddr_in));
+  return sendEcho(context, context->pingSock.fd, kEchoRequest4, packet, sizeof packet, address,
+                  sizeof(struct sockaddr_in));
 }
 
 int sendPing6(AsyncPingContext *context, const struct sockaddr *address) noexcept {
   if (context == nullptr || context->ping6Sock.fd < 0 || address == nullptr) return -1;
   // The kernel puts the ICMPv6 checksum (with its pseudo-header) in itself.
   uint8_t packet[kEcho6Size] = {};
-  return send_echo(context, context->ping6Sock.fd, kEchoRequest6, packet, sizeof packet, address,
-                   sizeof(struct sockaddr_in6));
+  return sendEcho(context, context->ping6Sock.fd, kEchoRequest6, packet, sizeof packet, address,
+                  sizeof(struct sockaddr_in6));
 }
 
 // Reads one datagram and hands an echo reply with this context's identifier
@@ -113,7 +114,7 @@ int sendPing6(AsyncPingContext *context, const struct sockaddr *address) noexcep
 int checkSocket(AsyncPingContext *context, int fd) noexcept {
   if (context == nullptr || fd < 0) return -1;
   // Zeroed: the fields of a datagram shorter than them read as zeros.
-  uint8_t buffer[kReceiveBufferSize] = {};
+  uint8_t buffer[kPingReceiveBufferSize] = {};
   PeerAddress from = {};
   socklen_t fromLength = sizeof from;
   if (recvfrom(fd, buffer, sizeof buffer, 0, &from.any, &fromLength) <= 0) return -1;
@@ -143,49 +144,38 @@ int checkSocket(AsyncPingContext *context, int fd) noexcept {
   return 0;
 }
 
-// Both handlers: an error or eof loses the socket for good (eof leaves it
-// registered until destroy), a read event takes exactly one datagram and
-// registers the socket again; further datagrams raise further events.
-void on_ping_sock(AsyncPingContext *context, struct uloop_fd *u, unsigned int events) noexcept {
-  if (u->error) {
-    uloop_fd_delete(u);
-    close(u->fd);
-    u->fd = -1;
-  } else if (u->eof) {
-    close(u->fd);
-    u->fd = -1;
-  } else if ((events & ULOOP_READ) != 0) {
-    checkSocket(context, u->fd);
-    uloop_fd_add(u, ULOOP_READ);
-  }
-}
-
+// The socket handlers. A socket lost to end of file stays registered until
+// destroy, which takes both sockets off the loop whatever became of them.
 void onPingSock4(struct uloop_fd *u, unsigned int events) {
-  if (u == nullptr) return;
-  on_ping_sock(reinterpret_cast<AsyncPingContext *>(u), u, events);  // pingSock is the first member
+  if (u != nullptr) handleClientEvent(clientOf<AsyncPingContext>(u, 0), u, events, checkSocket);
 }
 
 void onPingSock6(struct uloop_fd *u, unsigned int events) {
-  if (u == nullptr) return;
-  // ping6Sock lies directly behind pingSock: one uloop_fd back is the context.
-  on_ping_sock(reinterpret_cast<AsyncPingContext *>(reinterpret_cast<char *>(u) - sizeof(struct uloop_fd)), u,
-               events);
+  if (u != nullptr) handleClientEvent(clientOf<AsyncPingContext>(u, 1), u, events, checkSocket);
 }
 
-bool open_socket(struct uloop_fd *u, int domain, int protocol, uloop_fd_handler handler) noexcept {
-  u->fd = createPingSock(domain, protocol);
-  if (u->fd < 0) return false;
-  u->cb = handler;
-  uloop_fd_add(u, ULOOP_READ);
-  return true;
+AsyncPingContext *createContext(AsyncPingCallback callback) noexcept {
+  auto *context = static_cast<AsyncPingContext *>(calloc(1, sizeof(AsyncPingContext)));
+  if (context == nullptr) return nullptr;
+  context->callback = callback;
+  // The process id plus the contexts made before; the counter steps even if
+  // the sockets then fail.
+  context->id = htons(static_cast<uint16_t>(static_cast<uint32_t>(getpid()) + pingCounter++));
+  // Both families or none: a system without raw ICMPv6 sockets gets no client.
+  if (watchClientSocket(&context->pingSock, createPingSock(AF_INET, IPPROTO_ICMP), onPingSock4) &&
+      watchClientSocket(&context->ping6Sock, createPingSock(AF_INET6, IPPROTO_ICMPV6), onPingSock6)) {
+    return context;
+  }
+  // Whichever failed, the IPv6 socket is not open; the IPv4 one may be.
+  closeClientSocket(&context->pingSock, CloseRule::kSkipClosed);
+  free(context);
+  return nullptr;
 }
 
-// Also for a lost socket: one lost to eof is still registered, and one lost
-// to an error is closed already.
-void close_socket(struct uloop_fd *u) noexcept {
-  uloop_fd_delete(u);
-  if (u->fd >= 0) close(u->fd);
-  u->fd = -1;
+void destroyContext(AsyncPingContext *context) noexcept {
+  closeClientSocket(&context->pingSock, CloseRule::kAlwaysDelete);
+  closeClientSocket(&context->ping6Sock, CloseRule::kAlwaysDelete);
+  free(context);
 }
 
 }  // namespace
@@ -194,32 +184,11 @@ void close_socket(struct uloop_fd *u) noexcept {
 
 extern "C" {
 
-AsyncPingContext *asyncPing_create(AsyncPingCallback callback) {
-  using namespace rk::net;
-  auto *context = static_cast<AsyncPingContext *>(calloc(1, sizeof(AsyncPingContext)));
-  if (context == nullptr) return nullptr;
-  context->callback = callback;
-  // The process id plus the contexts made before; the counter steps even if
-  // the sockets then fail.
-  context->id = htons(static_cast<uint16_t>(static_cast<uint32_t>(getpid()) + pingCounter++));
-  if (!open_socket(&context->pingSock, AF_INET, IPPROTO_ICMP, onPingSock4)) {
-    free(context);
-    return nullptr;
-  }
-  // Both families or none: a system without raw ICMPv6 sockets gets no client.
-  if (!open_socket(&context->ping6Sock, AF_INET6, IPPROTO_ICMPV6, onPingSock6)) {
-    close_socket(&context->pingSock);
-    free(context);
-    return nullptr;
-  }
-  return context;
-}
+AsyncPingContext *asyncPing_create(AsyncPingCallback callback) { return rk::net::createContext(callback); }
 
 int asyncPing_destroy(AsyncPingContext *context) {
   if (context == nullptr) return -1;
-  rk::net::close_socket(&context->pingSock);
-  rk::net::close_socket(&context->ping6Sock);
-  free(context);
+  rk::net::destroyContext(context);
   return 0;
 }
 

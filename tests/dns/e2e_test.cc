@@ -22,7 +22,7 @@
 #include <gtest/gtest.h>
 
 #include "dns/cache.h"
-#include "dns/internal.h"
+#include "dns/query.h"
 #include "dns_test.h"
 #include "rk_test.h"
 

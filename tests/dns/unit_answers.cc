@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "dns/cache.h"
-#include "dns/internal.h"
+#include "dns/answer.h"
 #include "dns_test.h"
 #include "rk_test.h"
 

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "dns/codec.h"
-#include "dns/internal.h"
 #include "rk_test.h"
 
 namespace rk::test {

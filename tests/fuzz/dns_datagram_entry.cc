@@ -25,7 +25,7 @@
 #include <memory>
 #include <string>
 
-#include "dns/internal.h"
+#include "dns/answer.h"
 #include "rk_test.h"
 
 #include <routerkit/async_dns.h>

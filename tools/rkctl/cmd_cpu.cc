@@ -6,31 +6,33 @@
 
 #include <routerkit/log.h>
 
-#include "rkctl.h"
+#include "args.h"
+#include "command.h"
+#include "output.h"
 
 namespace rkctl {
 namespace {
 
-void sleep_ms(int ms) {
+void sleepMs(int ms) {
   timespec t{ms / 1000, static_cast<long>(ms % 1000) * 1000000};
   while (nanosleep(&t, &t) != 0) {
   }
 }
 
 int run(Invocation &inv) {
-  if (!inv.Parse({{0, "interval", true}, {0, "count", true}})) return kUsage;
+  if (!inv.parse({{0, "interval", true}, {0, "count", true}})) return kUsage;
   uint64_t interval = 1000, count = 1;
-  if (inv.Has("interval") && (!ParseUint(inv.Get("interval"), 3600000, &interval) || interval == 0))
-    return UsageError(inv, "--interval takes milliseconds from 1 to 3600000");
-  if (inv.Has("count") && (!ParseUint(inv.Get("count"), 100000, &count) || count == 0))
-    return UsageError(inv, "--count takes a number from 1 to 100000");
-  if (!inv.positional.empty()) return UsageError(inv, "takes no arguments");
+  if (inv.has("interval") && (!parseUint(inv.get("interval"), 3600000, &interval) || interval == 0))
+    return usageError(inv, "--interval takes milliseconds from 1 to 3600000");
+  if (inv.has("count") && (!parseUint(inv.get("count"), 100000, &count) || count == 0))
+    return usageError(inv, "--count takes a number from 1 to 100000");
+  if (!inv.positional.empty()) return usageError(inv, "takes no arguments");
 
   CpuTimes times = {};
   getCPUUsageValue(&times);  // the share since boot: only the counters are wanted
-  Json samples(json_object_new_array());
+  JsonPtr samples(json_object_new_array());
   for (uint64_t i = 0; i < count; i++) {
-    sleep_ms(static_cast<int>(interval));
+    sleepMs(static_cast<int>(interval));
     unsigned permille = getCPUUsageValue(&times);
     if (inv.json) {
       json_object_array_add(samples.get(), json_object_new_int(static_cast<int>(permille)));
@@ -40,21 +42,23 @@ int run(Invocation &inv) {
     }
   }
   if (inv.json) {
-    Json out(json_object_new_object());
+    JsonPtr out(json_object_new_object());
     json_object_object_add(out.get(), "interval_ms", json_object_new_int64(static_cast<int64_t>(interval)));
     json_object_object_add(out.get(), "permille", samples.release());
-    PrintJson(out.get());
+    printJson(out.get());
   }
   return kOk;
 }
 
-const Registrar registrar({"cpu", "[--interval MS] [--count N]", "CPU usage over intervals",
-                           "Samples the CPU counters of /proc/stat with the library's sampler N times\n"
-                           "(default 1), MS apart (default 1000), and prints the busy share of each\n"
-                           "interval in percent with one decimal (the library counts per mille; time\n"
-                           "waiting for I/O counts as busy). A line comes after each interval.\n"
-                           "JSON: {\"interval_ms\": MS, \"permille\": [N...]}.\n",
-                           60, run});
-
 }  // namespace
+
+const Command kCpuCommand = {
+    "cpu", "[--interval MS] [--count N]", "CPU usage over intervals",
+    "Samples the CPU counters of /proc/stat with the library's sampler N times\n"
+    "(default 1), MS apart (default 1000), and prints the busy share of each\n"
+    "interval in percent with one decimal (the library counts per mille; time\n"
+    "waiting for I/O counts as busy). A line comes after each interval.\n"
+    "JSON: {\"interval_ms\": MS, \"permille\": [N...]}.\n",
+    run};
+
 }  // namespace rkctl

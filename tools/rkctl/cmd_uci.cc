@@ -9,10 +9,14 @@
 
 #include <routerkit/uci_access.h>
 
-#include "rkctl.h"
+#include "args.h"
+#include "command.h"
+#include "output.h"
 
 namespace rkctl {
 namespace {
+
+constexpr size_t kValueSize = 4096;
 
 struct Key {
   std::string config, section, option;
@@ -22,7 +26,7 @@ struct Key {
 };
 
 // CONFIG.SECTION.OPTION, SECTION a name or @TYPE.
-bool parse_key(const std::string &text, Key *key) {
+bool parseKey(const std::string &text, Key *key) {
   size_t a = text.find('.');
   size_t b = a == std::string::npos ? a : text.find('.', a + 1);
   if (b == std::string::npos) return false;
@@ -37,44 +41,44 @@ bool parse_key(const std::string &text, Key *key) {
 int explain(Invocation &inv, const Key &key, const char *what) {
   std::string path = key.config[0] == '/' || key.config.rfind("./", 0) == 0 ? key.config : "/etc/config/" + key.config;
   FILE *f = fopen(path.c_str(), "r");
-  if (!f) return Fail(inv, "%s: cannot read %s: %s", key.text().c_str(), path.c_str(), strerror(errno));
+  if (!f) return fail(inv, "%s: cannot read %s: %s", key.text().c_str(), path.c_str(), strerror(errno));
   fclose(f);
-  return Fail(inv, "%s: %s", key.text().c_str(), what);
+  return fail(inv, "%s: %s", key.text().c_str(), what);
 }
 
-void print_json(const Key &key, const std::string &value) {
-  Json out(json_object_new_object());
-  json_object_object_add(out.get(), "config", JsonString(key.config));
-  json_object_object_add(out.get(), "section", JsonString(key.section));
-  json_object_object_add(out.get(), "option", JsonString(key.option));
-  json_object_object_add(out.get(), "value", JsonString(value));
-  PrintJson(out.get());
+void printOption(const Key &key, const std::string &value) {
+  JsonPtr out(json_object_new_object());
+  json_object_object_add(out.get(), "config", jsonString(key.config));
+  json_object_object_add(out.get(), "section", jsonString(key.section));
+  json_object_object_add(out.get(), "option", jsonString(key.option));
+  json_object_object_add(out.get(), "value", jsonString(value));
+  printJson(out.get());
 }
 
 int run(Invocation &inv) {
-  if (!inv.Parse({})) return kUsage;
+  if (!inv.parse({})) return kUsage;
   const std::vector<std::string> &pos = inv.positional;
-  if (pos.size() != 2 || (pos[0] != "get" && pos[0] != "set")) return UsageError(inv, "expected get or set and one key");
+  if (pos.size() != 2 || (pos[0] != "get" && pos[0] != "set")) return usageError(inv, "expected get or set and one key");
   Key key;
   std::string value;
-  std::string key_text = pos[1];
+  std::string keyText = pos[1];
   if (pos[0] == "set") {
-    size_t eq = key_text.find('=');
-    if (eq == std::string::npos) return UsageError(inv, "set takes CONFIG.SECTION.OPTION=VALUE");
-    value = key_text.substr(eq + 1);
-    key_text.resize(eq);
+    size_t eq = keyText.find('=');
+    if (eq == std::string::npos) return usageError(inv, "set takes CONFIG.SECTION.OPTION=VALUE");
+    value = keyText.substr(eq + 1);
+    keyText.resize(eq);
   }
-  if (!parse_key(key_text, &key))
-    return UsageError(inv, "'%s' is not CONFIG.SECTION.OPTION (SECTION a name or @TYPE)", key_text.c_str());
+  if (!parseKey(keyText, &key))
+    return usageError(inv, "'%s' is not CONFIG.SECTION.OPTION (SECTION a name or @TYPE)", keyText.c_str());
 
   if (pos[0] == "get") {
-    std::vector<char> out(4096, '\0');  // the reader never writes the last byte
+    std::vector<char> out(kValueSize, '\0');  // the reader never writes the last byte
     if (uciGetOptionString(key.config.c_str(), key.type(), key.name(), key.option.c_str(), out.data(),
                            static_cast<int>(out.size())) != 0)
       return explain(inv, key, "no such section or option (or a list option)");
     value = out.data();
     if (inv.json)
-      print_json(key, value);
+      printOption(key, value);
     else
       printf("%s\n", value.c_str());
     return kOk;
@@ -83,20 +87,22 @@ int run(Invocation &inv) {
   if (uciSetOptionString(key.config.c_str(), key.type(), key.name(), key.option.c_str(), value.c_str(),
                          static_cast<int>(value.size()) + 1) != 0)
     return explain(inv, key, "not written: no such section, or the package could not be committed");
-  if (inv.json) print_json(key, value);
+  if (inv.json) printOption(key, value);
   return kOk;
 }
 
-const Registrar registrar({"uci", "get CONFIG.SECTION.OPTION | set CONFIG.SECTION.OPTION=VALUE",
-                           "read or write (and commit) one UCI option",
-                           "SECTION is a section name, or @TYPE for the sections of that type: get reads the\n"
-                           "first of them that has the option, set writes the first that takes it. A write\n"
-                           "is committed before rkctl returns; the section must exist already.\n"
-                           "\n"
-                           "get prints the value. Exit 1 when the package cannot be read, or has no such\n"
-                           "section or option (list options count as absent).\n"
-                           "JSON: {\"config\", \"section\", \"option\", \"value\"}, for set as well.\n",
-                           30, run});
-
 }  // namespace
+
+const Command kUciCommand = {
+    "uci", "get CONFIG.SECTION.OPTION | set CONFIG.SECTION.OPTION=VALUE",
+    "read or write (and commit) one UCI option",
+    "SECTION is a section name, or @TYPE for the sections of that type: get reads the\n"
+    "first of them that has the option, set writes the first that takes it. A write\n"
+    "is committed before rkctl returns; the section must exist already.\n"
+    "\n"
+    "get prints the value. Exit 1 when the package cannot be read, or has no such\n"
+    "section or option (list options count as absent).\n"
+    "JSON: {\"config\", \"section\", \"option\", \"value\"}, for set as well.\n",
+    run};
+
 }  // namespace rkctl

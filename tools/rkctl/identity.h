@@ -17,6 +17,6 @@ struct IdentityValue {
   bool missing = false;   // no value at all
 };
 
-std::vector<IdentityValue> ReadIdentity();
+std::vector<IdentityValue> readIdentity();
 
 }  // namespace rkctl

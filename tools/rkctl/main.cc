@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "rkctl.h"
+#include "args.h"
+#include "command.h"
 
 #ifndef RKCTL_VERSION
 #define RKCTL_VERSION "0"
@@ -19,20 +20,27 @@
 
 namespace {
 
-void list_commands(FILE *out) {
+// The subcommands in the order of the list.
+const rkctl::Command *const kCommands[] = {
+    &rkctl::kStatusCommand, &rkctl::kPingCommand, &rkctl::kResolveCommand, &rkctl::kUciCommand,
+    &rkctl::kIdentityCommand, &rkctl::kWeekCommand, &rkctl::kCpuCommand, &rkctl::kDelayCommand,
+    &rkctl::kBridgeCommand, &rkctl::kLogCommand, &rkctl::kLuaCommand,
+};
+
+void listCommands(FILE *out) {
   fprintf(out,
           "usage: rkctl [--json] COMMAND [ARGS...]\n"
           "       rkctl COMMAND --help\n"
           "\n"
           "Commands:\n");
-  for (const rkctl::Command &c : rkctl::Commands()) fprintf(out, "  %-12s %s\n", c.name, c.summary);
+  for (const rkctl::Command *c : kCommands) fprintf(out, "  %-12s %s\n", c->name, c->summary);
   fprintf(out,
           "\n"
           "--json prints one JSON document instead of text. Exit codes: 0 success,\n"
           "1 failed, 2 usage error. Errors go to standard error.\n");
 }
 
-void command_help(const rkctl::Command &c) {
+void printCommandHelp(const rkctl::Command &c) {
   printf("usage: rkctl %s %s\n\n%s\n", c.name, c.synopsis, c.summary);
   if (c.help[0]) printf("\n%s", c.help);
 }
@@ -61,28 +69,28 @@ int main(int argc, char **argv) {
     rest.erase(rest.begin());
   }
   if (rest.empty()) {
-    list_commands(help ? stdout : stderr);
+    listCommands(help ? stdout : stderr);
     return help ? rkctl::kOk : rkctl::kUsage;
   }
   if (rest[0] == "--version") {
     printf("rkctl %s\n", RKCTL_VERSION);
     return rkctl::kOk;
   }
-  for (const rkctl::Command &c : rkctl::Commands()) {
-    if (rest[0] != c.name) continue;
+  for (const rkctl::Command *c : kCommands) {
+    if (rest[0] != c->name) continue;
     if (help) {
-      command_help(c);
+      printCommandHelp(*c);
       return rkctl::kOk;
     }
     rkctl::Invocation inv;
-    inv.command = &c;
+    inv.command = c;
     inv.json = json;
     inv.raw.assign(rest.begin() + 1, rest.end());
-    int rc = c.run(inv);
+    int rc = c->run(inv);
     fflush(stdout);
     return rc;
   }
   fprintf(stderr, "rkctl: unknown command '%s'\n\n", rest[0].c_str());
-  list_commands(stderr);
+  listCommands(stderr);
   return rkctl::kUsage;
 }

@@ -33,28 +33,20 @@ class Pinger {
   Pinger &operator=(const Pinger &) = delete;
 
   // False when the raw sockets cannot be opened (root or CAP_NET_RAW).
-  bool Open();
+  bool open();
   // `address` is an address literal of `family`.
-  Host &Add(const std::string &name, const std::string &address, int family);
+  Host &add(const std::string &name, const std::string &address, int family);
   // One echo request; false when the library could not send it.
-  bool Send(Host &host);
-  bool AllAnswered() const;
+  bool send(Host &host);
+  bool allAnswered() const;
 
   std::deque<Host> hosts;
   // After each counted reply or duplicate.
-  std::function<void(const Host &host, uint32_t ms, bool duplicate)> on_reply;
+  std::function<void(const Host &host, uint32_t ms, bool duplicate)> onReply;
 
  private:
-  static int OnReply(AsyncPingContext *ctx, const char *address, uint32_t delay);
+  static int handleReply(AsyncPingContext *ctx, const char *address, uint32_t delay);
   AsyncPingContext *ctx_ = nullptr;
 };
-
-// Round-trip figures as ping(8) prints them.
-struct RttSummary {
-  uint32_t min = 0, max = 0;
-  double avg = 0, mdev = 0;
-};
-RttSummary Summarize(const std::vector<uint32_t> &rtts);
-double LossPercent(unsigned sent, unsigned received);
 
 }  // namespace rkctl

@@ -13,8 +13,7 @@
 #include "bridge/bridge.h"
 #include "common/deps.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 // The attribute header: a big-endian word with the extended flag, the type
@@ -148,8 +147,7 @@ void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
   json_object_put(object);
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge
 
 extern "C" {
 

@@ -16,8 +16,7 @@
 #include "bridge/lua_walk.h"
 #include "common/deps.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 void addInt32(blob_buf *buf, const char *name, int32_t value) noexcept {
@@ -204,8 +203,7 @@ void jsonToBlob(blob_buf *buf, json_object *obj) noexcept {
     json_to_blob_value(buf, nullptr, obj);
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge
 
 extern "C" {
 

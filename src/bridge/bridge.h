@@ -11,8 +11,7 @@ struct blob_attr;
 struct blob_buf;
 struct json_object;
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 
 json_object *luaToJson(lua_State *L, int index) noexcept;
 void luaToBlob(lua_State *L, int index, blob_buf *buf) noexcept;
@@ -23,5 +22,4 @@ void jsonToLua(lua_State *L, json_object *obj) noexcept;
 // `attr` may be NULL or `len` 0 (nil).
 void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept;
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge

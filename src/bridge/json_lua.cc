@@ -6,8 +6,7 @@
 #include "bridge/bridge.h"
 #include "bridge/lua_protect.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 // Stack slots one level of a container needs: its table and one value.
@@ -79,8 +78,7 @@ void jsonToLua(lua_State *L, json_object *obj) noexcept {
   if (runProtected(L, 0, pushJsonBody, obj, 1) == 0) lua_pushnil(L);
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge
 
 extern "C" {
 

@@ -13,8 +13,7 @@
 #include "bridge/lua_protect.h"
 #include "bridge/lua_walk.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 // One conversion to JSON. The set comes first: the converters are handed
@@ -151,8 +150,7 @@ json_object *luaToJson(lua_State *L, int index) noexcept {
   return conv.result;
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge
 
 extern "C" {
 

@@ -4,8 +4,7 @@
 
 #include "bridge/lua_protect.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 // The protected entry, its argument and the job, on the caller's stack.
@@ -74,5 +73,4 @@ int runProtected(lua_State *L, int index, void (*body)(lua_State *, void *), voi
   return 1;
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge

@@ -5,8 +5,7 @@
 
 #include <lua.hpp>
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 
 // Runs body(L, ud) as a protected Lua call. With `index` (absolute) not 0, a
 // copy of the value there is at index 1 of body's frame; body leaves
@@ -16,5 +15,4 @@ namespace bridge {
 int runProtected(lua_State *L, int index, void (*body)(lua_State *, void *), void *ud,
                  int nresults) noexcept;
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge

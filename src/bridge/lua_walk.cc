@@ -4,8 +4,7 @@
 
 #include "bridge/lua_walk.h"
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 namespace {
 
 constexpr uint64_t kSetStep = 10;
@@ -80,5 +79,4 @@ bool luaNumberInt32(lua_State *L, int index, lua_Number n, int32_t *out) noexcep
   return n == static_cast<lua_Number>(i);
 }
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge

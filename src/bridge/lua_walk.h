@@ -6,8 +6,7 @@
 
 #include <lua.hpp>
 
-namespace rk {
-namespace bridge {
+namespace rk::bridge {
 
 // Stack slots a table walk needs on top of the table: an element for an
 // array; a key, its value and a copy of the key for an object.
@@ -37,5 +36,4 @@ int32_t lua_table_array_length(lua_State *L, int index);
 // integer exactly.
 bool luaNumberInt32(lua_State *L, int index, lua_Number n, int32_t *out) noexcept;
 
-}  // namespace bridge
-}  // namespace rk
+}  // namespace rk::bridge

@@ -7,8 +7,7 @@
 
 #include <string.h>
 
-namespace rk {
-namespace config {
+namespace rk::config {
 namespace {
 
 constexpr char kVersionFile[] = "/etc/version";
@@ -85,8 +84,7 @@ int defaultLanIp(char *out, int size) noexcept {
 }
 
 }  // namespace
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config
 
 extern "C" {
 

@@ -11,8 +11,7 @@
 #include "common/raii.h"
 #include "diag/logmsg.h"
 
-namespace rk {
-namespace config {
+namespace rk::config {
 namespace {
 
 // The reader sees a file in pieces of at most 63 bytes (one fgets into this
@@ -107,8 +106,7 @@ int factoryToolValue(const char *key, char *out, int size) noexcept {
 }
 
 }  // namespace
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config
 
 extern "C" {
 

@@ -12,8 +12,7 @@
 
 #include "config/uci_convert.h"
 
-namespace rk {
-namespace config {
+namespace rk::config {
 namespace {
 
 // Text of a number written by the numeric setters; zeroed before each use.
@@ -197,8 +196,7 @@ int getSectionValue(uci_context *ctx, uci_package *package, const char *sectionN
 }
 
 }  // namespace
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config
 
 extern "C" {
 

@@ -5,8 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 
-namespace rk {
-namespace config {
+namespace rk::config {
 
 // Converts `text` with one sscanf `format` into a Raw and stores it in `out`
 // as T. A text that holds no number gives -1, or 0 with `out` untouched when
@@ -28,5 +27,4 @@ inline bool isTrue(const char *text) noexcept {
   return strcmp(text, kTrueText) == 0 || strcmp(text, "1") == 0;
 }
 
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config

@@ -13,8 +13,7 @@
 
 #include "config/uci_convert.h"
 
-namespace rk {
-namespace config {
+namespace rk::config {
 namespace {
 
 // The family's one message; no line end, as daemons have always seen it.
@@ -23,12 +22,14 @@ constexpr char kAllocFailed[] = "error uci_alloc_context";
 // Working buffers of the typed readers. Each hands one byte less than its
 // buffer to uciGetOptionString, whose copy leaves one more byte alone, so the
 // text is always terminated and at most size - 2 characters are converted.
-constexpr size_t kUint32TextSize = 32;
-constexpr size_t kInt32TextSize = 16;
-constexpr size_t kUint64TextSize = 24;
-constexpr size_t kUint16TextSize = 32;
-constexpr size_t kUint8TextSize = 16;
-constexpr size_t kBooleanTextSize = 16;
+enum ReaderTextSize : size_t {
+  kUint32TextSize = 32,
+  kInt32TextSize = 16,
+  kUint64TextSize = 24,
+  kUint16TextSize = 32,
+  kUint8TextSize = 16,
+  kBooleanTextSize = 16,
+};
 // Holds "%d" of any 32-bit value with its terminator.
 constexpr size_t kInt32WrittenSize = 16;
 
@@ -190,8 +191,7 @@ int setBoolean(const char *config, const char *sectionType, const char *sectionN
 }
 
 }  // namespace
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config
 
 extern "C" {
 

@@ -10,8 +10,7 @@
 
 #include "diag/logmsg.h"
 
-namespace rk {
-namespace config {
+namespace rk::config {
 namespace {
 
 constexpr size_t kDayCount = 7;
@@ -95,8 +94,7 @@ int getWeek(uci_context *ctx, uci_section *section, const char *option, uint8_t 
 }
 
 }  // namespace
-}  // namespace config
-}  // namespace rk
+}  // namespace rk::config
 
 extern "C" {
 

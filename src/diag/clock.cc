@@ -3,8 +3,7 @@
 
 #include <routerkit/log.h>
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 namespace {
 
 constexpr uint64_t kMillisecondsPerSecond = 1000;
@@ -23,8 +22,7 @@ uint64_t ticksOf(const timespec &ts) noexcept {
          static_cast<uint64_t>(ts.tv_nsec) / kNanosecondsPerMillisecond;
 }
 
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag
 
 extern "C" {
 

@@ -4,12 +4,10 @@
 #include <stdint.h>
 #include <time.h>
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 
 // Milliseconds of a clock reading: seconds * 1000 + nanoseconds / 1000000,
 // truncating, at the full 64 bits.
 uint64_t ticksOf(const timespec &ts) noexcept;
 
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag

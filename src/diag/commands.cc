@@ -13,8 +13,7 @@
 #include "common/raii.h"
 #include "diag/logmsg.h"
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 namespace {
 
 constexpr size_t kCommandSize = 2048;  // LC_SystemCall's command line
@@ -88,8 +87,7 @@ void closeAllFds() noexcept {
 }
 
 }  // namespace
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag
 
 extern "C" {
 

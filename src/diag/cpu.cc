@@ -8,8 +8,7 @@
 
 #include "common/raii.h"
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 namespace {
 
 // user, nice, system, idle, iowait, irq, softirq: the fields of CpuTimes.
@@ -39,8 +38,7 @@ uint16_t cpuUsage(CpuTimes *times) noexcept {
 }
 
 }  // namespace
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag
 
 extern "C" {
 

@@ -5,8 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 namespace {
 
 // The caller zero-fills both buffers and passes sizes below their capacity:
@@ -22,8 +21,7 @@ int64_t splitExecutablePath(char *dir, uint64_t dirSize, char *name, uint64_t na
 }
 
 }  // namespace
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag
 
 extern "C" {
 

@@ -30,8 +30,7 @@
 // _FILE_OFFSET_BITS=64 (set by the build).
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit off_t and ino_t");
 
-namespace rk {
-namespace diag {
+namespace rk::diag {
 namespace {
 
 constexpr uint32_t kInitialLevel = 4;
@@ -170,8 +169,7 @@ __attribute__((format(printf, 1, 0))) void appendToOwnFile(const char *fmt, va_l
 }
 
 }  // namespace
-}  // namespace diag
-}  // namespace rk
+}  // namespace rk::diag
 
 // One leveled function: suppressed below its threshold before anything else
 // (the format is not even looked at), otherwise sent at its fixed priority.

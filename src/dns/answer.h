@@ -10,8 +10,7 @@
 #include "common/deps.h"
 #include <routerkit/async_dns.h>
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 
 constexpr size_t kDnsReceiveBufferSize = 65535;  // the largest UDP payload
 constexpr int kMaxAnswers = 16;                  // answers looked at per datagram
@@ -31,5 +30,4 @@ int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept;
 int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
                     const struct sockaddr_storage *from) noexcept;
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns

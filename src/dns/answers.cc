@@ -16,8 +16,7 @@
 #include "dns/cache.h"
 #include "dns/codec.h"
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 namespace {
 
 // The messages of answer processing name the routine that reads the datagram,
@@ -35,10 +34,7 @@ constexpr size_t kQuestionTail = 4;
 // compression pointer; behind a full name of D + 2 bytes everything is
 // shifted by D.
 constexpr uint8_t kNamePointer = 0xC0;
-constexpr size_t kRecType = 2;
-constexpr size_t kRecTtl = 6;
-constexpr size_t kRecRdLength = 10;
-constexpr size_t kRecRdata = 12;
+enum RecordOffset : size_t { kRecType = 2, kRecTtl = 6, kRecRdLength = 10, kRecRdata = 12 };
 
 struct ResultDeleter {
   void operator()(DnsResult *p) const noexcept { free(p); }
@@ -246,5 +242,4 @@ int checkDnsSocket(AsyncDnsContext *context, int fd) noexcept {
   return processDatagram(context, buffer, static_cast<size_t>(got), &from);
 }
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns

@@ -9,8 +9,7 @@
 #include "common/raii.h"
 #include "dns/cache.h"
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 
 TickSource cacheClock = GetTickCount;
 
@@ -156,8 +155,7 @@ void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address,
   a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
 }
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns
 
 extern "C" {
 

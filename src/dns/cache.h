@@ -9,8 +9,7 @@
 #include "common/deps.h"
 #include <routerkit/async_dns.h>
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 
 // One address of a name, with the tick (ms) up to which it counts as live.
 struct DnsCacheAddress {
@@ -48,8 +47,7 @@ constexpr uint32_t cacheLifetimeMs(uint32_t ttl, uint32_t minCacheTime) noexcept
   return (minCacheTime > ttl ? ttl + minCacheTime : ttl) * 1000u;
 }
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns
 
 struct DnsCache {
   struct avl_tree tree;  // of rk::dns::DnsCacheEntry, avl_strcmp, no duplicates

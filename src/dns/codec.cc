@@ -7,8 +7,7 @@
 #include "diag/logmsg.h"
 #include "dns/codec.h"
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 namespace {
 
 // The question of a reverse lookup ends in this suffix.
@@ -144,5 +143,4 @@ void changeDnsNameToAddr(const char *name, struct in_addr *out) noexcept {
   (void)inet_pton(AF_INET, text, out);
 }
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns

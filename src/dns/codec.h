@@ -10,8 +10,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 
 // Header: ID, two flag bytes, QDCOUNT, ANCOUNT, NSCOUNT, ARCOUNT.
 constexpr size_t kHeaderSize = 12;
@@ -21,9 +20,8 @@ constexpr size_t kOffAnCount = 6;
 // L bytes), QTYPE and QCLASS: L + 18 bytes in all.
 constexpr size_t kQueryOverhead = 18;
 
-constexpr uint16_t kTypeA = 1;
-constexpr uint16_t kTypePtr = 12;
-constexpr uint16_t kTypeAaaa = 28;
+// The record types the client asks for, and the one class.
+enum : uint16_t { kTypeA = 1, kTypePtr = 12, kTypeAaaa = 28 };
 constexpr uint16_t kClassIn = 1;
 constexpr uint8_t kFlagRecursionDesired = 0x01;
 
@@ -109,5 +107,4 @@ size_t buildQuery(uint8_t *buf, uint16_t idNetworkOrder, const char *name, size_
 // Overwrites the QTYPE of a query built for a name of `nameLength` bytes.
 void setQueryType(uint8_t *buf, size_t nameLength, uint16_t qtype) noexcept;
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns

@@ -50,8 +50,7 @@ static_assert(std::is_standard_layout_v<DnsServer> && std::is_standard_layout_v<
 static_assert(std::is_standard_layout_v<rk::dns::DnsCacheEntry>, "the node is the entry");
 static_assert(offsetof(rk::dns::DnsCacheEntry, node) == 0, "the node is the entry");
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 namespace {
 
 // One per process, shared by all contexts; stepped without a lock, like
@@ -199,8 +198,7 @@ void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) no
   sendDnsQuery6(context, query, static_cast<int32_t>(length));
 }
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns
 
 extern "C" {
 

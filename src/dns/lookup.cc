@@ -10,8 +10,7 @@
 #include "dns/codec.h"
 #include "dns/query.h"
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 namespace {
 
 int lookup(AsyncDnsContext *context, const char *name) noexcept {
@@ -50,8 +49,7 @@ int lookupPtr(AsyncDnsContext *context, const void *address) noexcept {
 }
 
 }  // namespace
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns
 
 extern "C" {
 

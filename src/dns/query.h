@@ -8,8 +8,7 @@
 #include "common/deps.h"
 #include <routerkit/async_dns.h>
 
-namespace rk {
-namespace dns {
+namespace rk::dns {
 
 constexpr size_t kLookupBufferSize = 2048;  // cache result, then query, of asyncLookup
 constexpr int kLookupCacheSlots = 73;       // 4 + 73 * 28 == 2048
@@ -25,5 +24,4 @@ int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t lengt
 // Sends a built query first to the IPv4 servers, then to the IPv6 ones.
 void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept;
 
-}  // namespace dns
-}  // namespace rk
+}  // namespace rk::dns

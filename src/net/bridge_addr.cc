@@ -13,8 +13,7 @@
 
 #include "common/raii.h"
 
-namespace rk {
-namespace net {
+namespace rk::net {
 namespace {
 
 // Only interfaces whose names begin with this take part.
@@ -89,8 +88,7 @@ int bridgeAddress(uint8_t family, const void *peer, void *out) noexcept {
 }
 
 }  // namespace
-}  // namespace net
-}  // namespace rk
+}  // namespace rk::net
 
 extern "C" {
 

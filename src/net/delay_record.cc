@@ -9,8 +9,7 @@
 
 #include "common/raii.h"
 
-namespace rk {
-namespace net {
+namespace rk::net {
 namespace {
 
 constexpr char kStatePath[] = "/var/run/internet.state";
@@ -98,8 +97,7 @@ int averageDelay(uint32_t *delay) noexcept {
 void clearDelays() noexcept { FilePtr file(fopen(kStatePath, "w")); }
 
 }  // namespace
-}  // namespace net
-}  // namespace rk
+}  // namespace rk::net
 
 extern "C" {
 

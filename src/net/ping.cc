@@ -21,8 +21,7 @@ static_assert(offsetof(AsyncPingContext, ping6Sock) == sizeof(struct uloop_fd),
               "ping6Sock lies directly behind pingSock");
 static_assert(std::is_standard_layout_v<AsyncPingContext>, "plain C record");
 
-namespace rk {
-namespace net {
+namespace rk::net {
 namespace {
 
 constexpr size_t kEcho4Size = 36;                // header, tick, 20 bytes of zeros
@@ -179,8 +178,7 @@ void destroyContext(AsyncPingContext *context) noexcept {
 }
 
 }  // namespace
-}  // namespace net
-}  // namespace rk
+}  // namespace rk::net
 
 extern "C" {
 

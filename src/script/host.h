@@ -6,8 +6,7 @@
 
 #include <lua.hpp>
 
-namespace rk {
-namespace script {
+namespace rk::script {
 
 // `path` goes to luaL_loadfile untested.
 LuaHelper *createHelper(const char *path) noexcept;
@@ -17,5 +16,4 @@ int registerTable(lua_State *L, const char *name, const LuaHelperFunction *funct
 // `arg` may be NULL.
 int callPath(lua_State *L, const char *path, json_object *arg) noexcept;
 
-}  // namespace script
-}  // namespace rk
+}  // namespace rk::script

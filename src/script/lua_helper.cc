@@ -20,8 +20,7 @@
 #include "diag/logmsg.h"
 #include "script/host.h"
 
-namespace rk {
-namespace script {
+namespace rk::script {
 namespace {
 
 // The metatable's name, "<global>Meta", is cut to fit.
@@ -229,8 +228,7 @@ int callPath(lua_State *L, const char *path, json_object *arg) noexcept {
   return -1;
 }
 
-}  // namespace script
-}  // namespace rk
+}  // namespace rk::script
 
 extern "C" {
 

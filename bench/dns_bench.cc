@@ -51,6 +51,7 @@
 #include <routerkit/async_dns.h>
 
 #include "dns_responder.h"
+#include "rk_test.h"
 
 namespace rk {
 namespace bench {
@@ -78,14 +79,21 @@ uint64_t wallNs() {
 
 // The responder every end-to-end run talks to: 127.0.0.1:53, TTL 300, so
 // the routerkit client caches every answer as it would in a daemon.
-ThreadedResponder &responder() {
-  static ThreadedResponder r([] {
-    ThreadedResponder::Options o;
-    o.ttl = 300;
-    return o;
-  }());
+struct ServingResponder : rk::test::DnsResponder {
+  ServingResponder() {
+    if (ok()) Serve("192.0.2.1", "2001:db8::1", 300);
+  }
+};
+
+rk::test::DnsResponder &responder() {
+  static ServingResponder r;
   return r;
 }
+
+struct ContextDeleter {
+  void operator()(AsyncDnsContext *c) const { asyncDns_destroy(c); }
+};
+using ContextPtr = std::unique_ptr<AsyncDnsContext, ContextDeleter>;
 
 // Ends a run that stopped making progress (a lost datagram would leave a
 // lookup waiting for ever: neither client under test retries here).
@@ -429,7 +437,7 @@ struct LoopScope {
 template <typename D>
 void endToEnd(benchmark::State &state) {
   if (!responder().ok()) return state.SkipWithError("responder: cannot bind 127.0.0.1:53");
-  responder().setTtl(static_cast<uint32_t>(state.range(0)));
+  responder().SetTtl(static_cast<uint32_t>(state.range(0)));
   LoopScope loop;
   D driver;
   if (!driver.ok()) return state.SkipWithError("client setup failed");
@@ -495,7 +503,7 @@ BENCHMARK(BM_CacheHit_CaresHostsFile)->MinTime(1.0);
 template <typename D>
 int probeEndToEnd(uint64_t count, uint32_t ttl) {
   if (!responder().ok()) return 1;
-  responder().setTtl(ttl);
+  responder().SetTtl(ttl);
   LoopScope loop;
   D driver;
   if (!driver.ok() || !driver.run(2000)) return 1;
@@ -601,12 +609,12 @@ int runProbe(const std::string &mode, uint64_t count, uint32_t ttl) {
 }  // namespace rk
 
 int main(int argc, char **argv) {
-  if (!rk::bench::InsideTestNamespace()) {
+  if (!rk::test::InTestNamespace()) {
     fprintf(stderr, "%s needs port 53 of its own: run it through bench/run-dns-bench.sh\n", argv[0]);
     return 2;
   }
   // The library logs every server it adds; nothing of that is measured.
-  rk::bench::SilenceSyslog();
+  rk::test::SilenceSyslog();
   ares_library_init(ARES_LIB_INIT_ALL);
   std::string probe;
   uint64_t count = 10000;

@@ -23,80 +23,12 @@
 
 #include "dns/cache.h"
 #include "dns/query.h"
+#include "dns_responder.h"
 #include "dns_test.h"
 #include "rk_test.h"
 
 namespace rk::test {
 namespace {
-
-// ---- a responder of the test's own: one dual-stack socket at [::]:53 ----
-
-struct Query {
-  Bytes bytes;
-  sockaddr_in6 from{};
-  std::string to;  // the local address it was sent to ("127.0.0.1", "::1")
-  uint16_t type() const { return bytes.size() >= 4 ? static_cast<uint16_t>(bytes[bytes.size() - 4] << 8 | bytes[bytes.size() - 3]) : 0; }
-};
-
-class Server {
- public:
-  Server() {
-    fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int off = 0, on = 1;
-    setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
-    setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
-    sockaddr_in6 any{};
-    any.sin6_family = AF_INET6;
-    any.sin6_port = htons(53);
-    ok_ = bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) == 0;
-  }
-  ~Server() { close(fd_); }
-  bool ok() const { return ok_; }
-
-  // The next query within `ms`, if any.
-  bool Next(Query *q, int ms = 1000) {
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, ms) != 1) return false;
-    uint8_t buf[2048];
-    char control[256];
-    iovec iov{buf, sizeof buf};
-    msghdr msg{};
-    msg.msg_name = &q->from;
-    msg.msg_namelen = sizeof q->from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    ssize_t n = recvmsg(fd_, &msg, 0);
-    if (n < 0) return false;
-    q->bytes.assign(buf, buf + n);
-    for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-      if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
-      in6_pktinfo info;
-      memcpy(&info, CMSG_DATA(c), sizeof info);
-      char text[INET6_ADDRSTRLEN] = "";
-      if (IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr))
-        inet_ntop(AF_INET, &info.ipi6_addr.s6_addr[12], text, sizeof text);
-      else
-        inet_ntop(AF_INET6, &info.ipi6_addr, text, sizeof text);
-      q->to = text;
-    }
-    return true;
-  }
-  std::vector<Query> Take(size_t n) {
-    std::vector<Query> out;
-    Query q;
-    while (out.size() < n && Next(&q)) out.push_back(q);
-    return out;
-  }
-  bool Reply(const Query &q, const Bytes &bytes) {
-    return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&q.from), sizeof q.from) ==
-           static_cast<ssize_t>(bytes.size());
-  }
- private:
-  int fd_ = -1;
-  bool ok_ = false;
-};
 
 // ---- the client's callback ----
 
@@ -150,7 +82,7 @@ class DnsE2e : public ::testing::Test {
   }
   AsyncDnsContext *c() { return ctx_.get(); }
   // A lookup of "aaa.bbbbbbb.ccc" at 127.0.0.1: its two queries.
-  std::vector<Query> Ask(Server &server) {
+  std::vector<DnsQuery> Ask(DnsResponder &server) {
     EXPECT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
     EXPECT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
     return server.Take(2);
@@ -159,7 +91,7 @@ class DnsE2e : public ::testing::Test {
 };
 
 TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
-  Server server;
+  DnsResponder server;
   ASSERT_TRUE(server.ok());
   // The IPv6 list reaches IPv4 addresses too, as v4-mapped ones.
   const std::vector<std::string> v4 = {"127.0.0.3", "127.0.0.1", "127.0.0.2"};
@@ -170,7 +102,7 @@ TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
 
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
   std::vector<std::string> got, want;
-  for (const Query &q : server.Take(13)) {
+  for (const DnsQuery &q : server.Take(13)) {
     got.push_back(q.to + (q.type() == 1 ? " A" : " AAAA"));
     EXPECT_EQ(ToHex(q.bytes), ToHex(Query33(c()->id, q.type() == 1 ? 1 : 28)));
   }
@@ -249,9 +181,9 @@ TEST(DnsIdentifiers, ProcessIdThenOneMorePerContext) {
 }
 
 TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
-  Server server;
+  DnsResponder server;
   ASSERT_TRUE(server.ok());
-  std::vector<Query> q = Ask(server);
+  std::vector<DnsQuery> q = Ask(server);
   ASSERT_EQ(q.size(), 2u);
   const uint16_t id = ntohs(c()->id);
   ASSERT_TRUE(server.Reply(q[0], Response(id, "aaa.bbbbbbb.ccc", 1).answer(1, 300, V4("192.0.2.1")).b));
@@ -262,7 +194,7 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
   answers.clear();
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
   EXPECT_EQ(answers, std::vector<std::string>{"inside aaa.bbbbbbb.ccc: 2001:db8::1 192.0.2.1"});
-  Query none;
+  DnsQuery none;
   EXPECT_FALSE(server.Next(&none, 50));  // nothing was sent
 
   // Without a callback nobody could take a cached answer: the lookup asks.
@@ -283,9 +215,9 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
 }
 
 TEST_F(DnsE2e, OneDatagramPerReadEventAndTheRegistrationRenewed) {
-  Server server;
+  DnsResponder server;
   ASSERT_TRUE(server.ok());
-  std::vector<Query> q = Ask(server);
+  std::vector<DnsQuery> q = Ask(server);
   ASSERT_EQ(q.size(), 2u);
   for (const char *a : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
     ASSERT_TRUE(server.Reply(q[0], Response(ntohs(c()->id), "aaa.bbbbbbb.ccc", 1).answer(1, 0, V4(a)).b));
@@ -318,10 +250,10 @@ TEST_F(DnsE2e, ErrorOrEofClosesThatFamilysSocketForGood) {
     ASSERT_TRUE(null == fd || dup2(null, fd) == fd);
     if (null != fd) close(null);
 
-    Server server;
+    DnsResponder server;
     ASSERT_TRUE(server.ok());
     ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);  // the other family goes on
-    std::vector<Query> q = server.Take(3);
+    std::vector<DnsQuery> q = server.Take(3);
     ASSERT_EQ(q.size(), 2u);
     EXPECT_EQ(q[0].to + " " + q[1].to, std::string(row.left) + " " + row.left);
     const uint8_t none[1] = {0};

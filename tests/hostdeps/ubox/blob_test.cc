@@ -1,6 +1,6 @@
-// blob/blobmsg as messages between processes see them: the bytes written
-// must be exactly what the real library writes, and the checks meant for
-// data from other processes must never read past the length they are given.
+// blobmsg's checks meant for data from other processes: they refuse what is
+// cut or corrupt and never read past the length they are given. (The bytes
+// the writers produce are pinned through the library's own conversions.)
 // Hostile input is copied into a heap block of exactly its size, so an
 // over-read shows up under AddressSanitizer.
 extern "C" {
@@ -18,45 +18,11 @@ extern "C" {
 namespace rk::test {
 namespace {
 
-std::vector<uint8_t> bytes_of(const blob_attr *attr, size_t len) {
-  const auto *p = reinterpret_cast<const uint8_t *>(attr);
-  return std::vector<uint8_t>(p, p + len);
-}
-
-// The whole message of a closed buffer, root header included.
-std::vector<uint8_t> message(const blob_buf &b) { return bytes_of(b.head, blob_pad_len(b.head)); }
-
 // A blob_buf that starts zeroed and is freed on scope exit.
 struct Buf {
-  blob_buf b;
-  Buf() { std::memset(&b, 0, sizeof(b)); }
+  blob_buf b{};
   ~Buf() { blob_buf_free(&b); }
-  Buf(const Buf &) = delete;
-  Buf &operator=(const Buf &) = delete;
 };
-
-TEST(BlobmsgWire, TableWithStringAndArrayOfBools) {
-  Buf buf;
-  ASSERT_EQ(blobmsg_buf_init(&buf.b), 0);
-  void *table = blobmsg_open_table(&buf.b, "tab");
-  ASSERT_NE(table, nullptr);
-  ASSERT_EQ(blobmsg_add_string(&buf.b, "s", "ab"), 0);
-  void *array = blobmsg_open_array(&buf.b, nullptr);
-  ASSERT_NE(array, nullptr);
-  ASSERT_EQ(blobmsg_add_u8(&buf.b, nullptr, 1), 0);
-  ASSERT_EQ(blobmsg_add_u8(&buf.b, "named-in-array", 1), 0);
-  blobmsg_close_array(&buf.b, array);
-  blobmsg_close_table(&buf.b, table);
-
-  EXPECT_EQ(message(buf.b),
-            Hex("0200004c"                                    // root: table id, not extended
-                "82000048 0003 746162 00 0000"                // table "tab", raw 72
-                "8300000b 0001 73 00 616200 00"               // "s" = "ab", padded to 12
-                "81000030 0000 00 00"                         // unnamed array, raw 48
-                "87000009 0000 0000 01 000000"                // bool, raw 9
-                "87000019 000e 6e616d65642d696e2d6172726179"  // bool "named-in-array", raw 25
-                "00 000000 01 000000"));
-}
 
 // Exactly len bytes on the heap (a zero-length block for len 0).
 struct HeapCopy {

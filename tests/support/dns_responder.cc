@@ -1,0 +1,141 @@
+#include "dns_responder.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace rk::test {
+namespace {
+
+constexpr size_t kHeaderSize = 12;
+constexpr uint16_t kTypeA = 1, kTypeAaaa = 28;
+
+}  // namespace
+
+uint16_t DnsQuery::type() const {
+  const size_t n = bytes.size();
+  return n >= 4 ? static_cast<uint16_t>(bytes[n - 4] << 8 | bytes[n - 3]) : 0;
+}
+
+DnsResponder::DnsResponder(uint16_t port) {
+  fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int off = 0, on = 1;
+  setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+  setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
+  sockaddr_in6 any{};
+  any.sin6_family = AF_INET6;
+  any.sin6_port = htons(port);
+  if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
+    close(fd_);
+    fd_ = -1;
+  }
+}
+
+DnsResponder::~DnsResponder() {
+  stop_.store(true);
+  if (thread_.joinable()) {
+    // A blocked recvmsg on a UDP socket returns once the socket is shut down.
+    shutdown(fd_, SHUT_RDWR);
+    thread_.join();
+  }
+  if (fd_ >= 0) close(fd_);
+}
+
+bool DnsResponder::Next(DnsQuery *q, int ms) {
+  pollfd p{fd_, POLLIN, 0};
+  if (ms >= 0 && poll(&p, 1, ms) != 1) return false;
+  uint8_t buf[2048];
+  char control[256];
+  iovec iov{buf, sizeof buf};
+  msghdr msg{};
+  msg.msg_name = &q->from;
+  msg.msg_namelen = sizeof q->from;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+  const ssize_t n = recvmsg(fd_, &msg, 0);
+  if (n < 0) return false;
+  q->bytes.assign(buf, buf + n);
+  for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+    if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
+    in6_pktinfo info;
+    memcpy(&info, CMSG_DATA(c), sizeof info);
+    q->toAddress = info.ipi6_addr;
+    char text[INET6_ADDRSTRLEN] = "";
+    if (IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr))
+      inet_ntop(AF_INET, &info.ipi6_addr.s6_addr[12], text, sizeof text);
+    else
+      inet_ntop(AF_INET6, &info.ipi6_addr, text, sizeof text);
+    q->to = text;
+  }
+  return true;
+}
+
+std::vector<DnsQuery> DnsResponder::Take(size_t n) {
+  std::vector<DnsQuery> out;
+  DnsQuery q;
+  while (out.size() < n && Next(&q)) out.push_back(q);
+  return out;
+}
+
+bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
+  iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
+  msghdr msg{};
+  msg.msg_name = const_cast<sockaddr_in6 *>(&q.from);
+  msg.msg_namelen = sizeof q.from;
+  msg.msg_iov = &iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = sizeof control;
+  cmsghdr *c = CMSG_FIRSTHDR(&msg);
+  c->cmsg_level = IPPROTO_IPV6;
+  c->cmsg_type = IPV6_PKTINFO;
+  c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+  in6_pktinfo info{};
+  info.ipi6_addr = q.toAddress;
+  memcpy(CMSG_DATA(c), &info, sizeof info);
+  return sendmsg(fd_, &msg, 0) == static_cast<ssize_t>(bytes.size());
+}
+
+void DnsResponder::Serve(const char *ipv4, const char *ipv6, uint32_t ttl) {
+  inet_pton(AF_INET, ipv4, v4_);
+  inet_pton(AF_INET6, ipv6, v6_);
+  SetTtl(ttl);
+  thread_ = std::thread([this] { ServeLoop(); });
+}
+
+void DnsResponder::ServeLoop() {
+  DnsQuery q;
+  while (!stop_.load(std::memory_order_relaxed) && Next(&q, -1)) {
+    std::vector<uint8_t> &b = q.bytes;
+    // The end of the question: the name's labels, then QTYPE and QCLASS.
+    size_t end = kHeaderSize;
+    while (end < b.size() && b[end] != 0) end += b[end] + 1u;
+    end += 5;
+    if (b.size() < kHeaderSize + 5 || end > b.size()) continue;
+    b.resize(end);
+    b[2] = 0x81;  // a response, recursion desired and available, no error
+    b[3] = 0x80;
+    memset(&b[6], 0, 6);  // answers counted below; no other records
+    const uint16_t type = q.type();
+    if (type == kTypeA || type == kTypeAaaa) {
+      const uint8_t *rdata = type == kTypeA ? v4_ : v6_;
+      const uint8_t rdLength = type == kTypeA ? sizeof v4_ : sizeof v6_;
+      const uint32_t ttl = ttl_.load(std::memory_order_relaxed);
+      const uint8_t record[] = {0xC0, 0x0C, 0, static_cast<uint8_t>(type), 0, 1,
+                                static_cast<uint8_t>(ttl >> 24), static_cast<uint8_t>(ttl >> 16),
+                                static_cast<uint8_t>(ttl >> 8), static_cast<uint8_t>(ttl), 0, rdLength};
+      b[7] = 1;
+      b.insert(b.end(), record, record + sizeof record);
+      b.insert(b.end(), rdata, rdata + rdLength);
+    }
+    Reply(q, b);
+    answered_.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+}  // namespace rk::test

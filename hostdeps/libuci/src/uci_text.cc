@@ -53,6 +53,14 @@ class Cursor {
   void skip_blanks() {
     while (pos_ < end_ && is_blank(s_[pos_])) ++pos_;
   }
+  // Between statements only spaces and tabs are skipped: a CR there makes
+  // a keyword of its own.
+  void skip_spaces() {
+    while (pos_ < end_ && (s_[pos_] == ' ' || s_[pos_] == '\t')) ++pos_;
+  }
+  void skip_blank() {
+    if (pos_ < end_ && is_blank(s_[pos_])) ++pos_;
+  }
   bool at_end() const { return pos_ >= end_; }
   bool last_line() const { return end_ >= s_.size(); }
   bool at(char c) const { return pos_ < end_ && s_[pos_] == c; }
@@ -187,13 +195,13 @@ class ConfigParser {
     if (c->at_end()) return nullptr;
     for (;;) {
       // Where a statement must follow (after ';' or an empty word), a
-      // comment will do, and so will the end of the text; blanks up to a
-      // line break are no statement.
+      // comment will do, and so will the end of the text; a line break or a
+      // CR is no statement.
       if (c->at('#') || (c->at_end() && c->last_line())) return nullptr;
       bool more = false;
       const char *why = statement(c, &more);
       if (why || !more) return why;
-      c->skip_blanks();
+      c->skip_spaces();
     }
   }
 
@@ -231,7 +239,10 @@ class ConfigParser {
       if (strict_) return "too many arguments";
       c->drop_rest();
     }
-    *more = !c->at_end();
+    if (c->at_end()) return nullptr;
+    // The empty word takes the one blank after it along.
+    c->skip_blank();
+    *more = true;
     return nullptr;
   }
 

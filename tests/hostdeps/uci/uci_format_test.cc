@@ -93,12 +93,13 @@ std::string Dump(uci_package *p) {
         out += o->v.string;
         continue;
       }
-      const char *sep = "[";
+      const char *sep = "";
+      out += '[';
       uci_foreach_element(&o->v.list, ie) {
         out = out + sep + ie->name;
         sep = ",";
       }
-      out += *sep == '[' ? "[]" : "]";
+      out += ']';
     }
   }
   return out;

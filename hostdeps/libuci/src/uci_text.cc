@@ -13,197 +13,278 @@ namespace rk {
 namespace uci_impl {
 namespace {
 
-struct Word {
-  std::string text;
-  int line = 0;
-  int byte = 0;
-};
-
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; }
-
-// Splits text into statements of words. A statement ends at an unquoted
-// newline; '#' outside quotes comments out the rest of the line (also in the
-// middle of a word); "'...'" is literal; in "\"...\"" a backslash takes the
-// next character literally; pieces next to each other join into one word;
-// a backslash at the end of a line continues the statement.
-class Lexer {
- public:
-  explicit Lexer(const std::string &text) : s_(text) {}
-
-  // Reads the next non-empty statement. Returns false at the end of the
-  // text, or on an unterminated quote (then `error()` is set).
-  bool next(std::vector<Word> *words) {
-    words->clear();
-    while (pos_ < s_.size()) {
-      char c = s_[pos_];
-      if (c == '\n') {
-        newline(pos_ + 1);
-        if (!words->empty()) return true;
-        continue;
-      }
-      if (is_blank(c)) {
-        ++pos_;
-        continue;
-      }
-      if (c == '#') {
-        while (pos_ < s_.size() && s_[pos_] != '\n') ++pos_;
-        continue;
-      }
-      if (continuation()) continue;
-      Word w;
-      if (!word(&w)) return false;
-      words->push_back(std::move(w));
-    }
-    return !words->empty();
-  }
-
-  const std::string &error() const { return error_; }
-  int line() const { return line_; }
-  int byte() const { return static_cast<int>(pos_ - line_start_); }
-
-  // Skips to the start of the next line (used to resync after an error).
-  void skip_line() {
-    while (pos_ < s_.size() && s_[pos_] != '\n') ++pos_;
-    if (pos_ < s_.size()) newline(pos_ + 1);
-  }
-
- private:
-  void newline(size_t next) {
-    pos_ = next;
-    ++line_;
-    line_start_ = next;
-  }
-
-  // A backslash right before the end of a line joins the next line.
-  bool continuation() {
-    if (s_[pos_] != '\\') return false;
-    size_t n = pos_ + 1;
-    if (n < s_.size() && s_[n] == '\r') ++n;
-    if (n < s_.size() && s_[n] == '\n') {
-      newline(n + 1);
-      return true;
-    }
-    return false;
-  }
-
-  // Appends one character of a quoted piece, keeping track of lines.
-  void take(std::string *out, size_t at) {
-    out->push_back(s_[at]);
-    if (s_[at] == '\n') {
-      ++line_;
-      line_start_ = at + 1;
-    }
-  }
-
-  bool word(Word *w) {
-    w->line = line_;
-    w->byte = byte();
-    while (pos_ < s_.size()) {
-      char c = s_[pos_];
-      if (c == '\n' || is_blank(c) || c == '#') break;
-      if (continuation()) continue;
-      if (c == '\\') {
-        if (pos_ + 1 < s_.size()) take(&w->text, pos_ + 1);
-        pos_ += 2;
-        continue;
-      }
-      if (c == '\'') {
-        size_t i = pos_ + 1;
-        while (i < s_.size() && s_[i] != '\'') take(&w->text, i++);
-        if (i >= s_.size()) return fail("unterminated '");
-        pos_ = i + 1;
-        continue;
-      }
-      if (c == '"') {
-        size_t i = pos_ + 1;
-        while (i < s_.size() && s_[i] != '"') {
-          if (s_[i] == '\\' && i + 1 < s_.size()) ++i;
-          take(&w->text, i++);
-        }
-        if (i >= s_.size()) return fail("unterminated \"");
-        pos_ = i + 1;
-        continue;
-      }
-      w->text.push_back(c);
-      ++pos_;
-    }
-    return true;
-  }
-
-  bool fail(const char *why) {
-    error_ = why;
-    pos_ = s_.size();
-    return false;
-  }
-
-  const std::string &s_;
-  size_t pos_ = 0;
-  int line_ = 1;
-  size_t line_start_ = 0;
-  std::string error_;
-};
 
 bool keyword(const std::string &w, const char *full) {
   return w == full || (w.size() == 1 && w[0] == full[0]);
 }
 
-// Carries out one statement of a configuration file on `p`.
+// The text as it is read: a NUL byte ends its line there, and what follows
+// it on that line goes, line break included, so the next line carries on
+// where the NUL stood.
+std::string without_nul(const std::string &text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\0') {
+      out.push_back(text[i]);
+      continue;
+    }
+    i = text.find('\n', i);
+    if (i == std::string::npos) break;
+  }
+  return out;
+}
+
+// Walks the text one line at a time. A statement is read from the line it
+// starts on; a quote still open at the line break, or a backslash right
+// before it, carries it on into the next line, which is then the current one.
+class Cursor {
+ public:
+  explicit Cursor(const std::string &text) : s_(text), end_(line_end(0)) {}
+
+  // Moves to the start of the next line; false at the end of the text.
+  bool next_line() {
+    if (last_line()) return false;
+    enter_line(end_ + 1);
+    return true;
+  }
+
+  void skip_blanks() {
+    while (pos_ < end_ && is_blank(s_[pos_])) ++pos_;
+  }
+  // Between statements only spaces and tabs are skipped: a CR there makes
+  // a keyword of its own.
+  void skip_spaces() {
+    while (pos_ < end_ && (s_[pos_] == ' ' || s_[pos_] == '\t')) ++pos_;
+  }
+  void skip_blank() {
+    if (pos_ < end_ && is_blank(s_[pos_])) ++pos_;
+  }
+  bool at_end() const { return pos_ >= end_; }
+  bool last_line() const { return end_ >= s_.size(); }
+  bool at(char c) const { return pos_ < end_ && s_[pos_] == c; }
+  void advance() { ++pos_; }
+  void drop_rest() { pos_ = end_; }
+
+  // A keyword is taken as written, up to a space or a tab.
+  std::string keyword() {
+    size_t from = pos_;
+    while (pos_ < end_ && s_[pos_] != ' ' && s_[pos_] != '\t') ++pos_;
+    return s_.substr(from, pos_ - from);
+  }
+
+  // Reads the word at the cursor (blanks before it skipped). Pieces join:
+  // plain characters, '...' taken literally, "..." where a backslash takes
+  // the next character, and a backslash outside quotes doing the same. A
+  // backslash right before a line break, in double quotes or outside, joins
+  // the next line without the break. '#' ends the line. ';' ends the word:
+  // standing first it is consumed and the word is empty; after a word that
+  // is exactly its text (no quote, no backslash) it also ends the line;
+  // otherwise it stays for the statement's end to see. False on a quote
+  // left open at the end of the text.
+  bool word(std::string *out) {
+    out->clear();
+    if (at(';')) {
+      ++pos_;
+      return true;
+    }
+    bool verbatim = true;
+    while (pos_ < end_) {
+      char c = s_[pos_];
+      if (is_blank(c)) break;
+      if (c == '#' || c == ';') {
+        if (c == '#' || verbatim) drop_rest();
+        break;
+      }
+      if (c == '\'' || c == '"') {
+        verbatim = false;
+        if (!quoted(out)) return false;
+      } else if (c == '\\') {
+        verbatim = false;
+        escape(out);
+      } else {
+        out->push_back(c);
+        ++pos_;
+      }
+    }
+    return true;
+  }
+
+  const char *error() const { return error_; }
+  int line() const { return line_; }
+  int byte() const { return static_cast<int>(pos_ - line_start_); }
+
+ private:
+  size_t line_end(size_t from) const {
+    size_t n = s_.find('\n', from);
+    return n == std::string::npos ? s_.size() : n;
+  }
+
+  void enter_line(size_t start) {
+    pos_ = line_start_ = start;
+    end_ = line_end(start);
+    ++line_;
+  }
+
+  // At a backslash: when only the line break (CR LF counts) follows it,
+  // moves to the next line and returns true.
+  bool join() {
+    size_t n = pos_ + 1;
+    if (n + 1 == end_ && s_[n] == '\r') ++n;
+    if (n != end_ || end_ >= s_.size()) return false;
+    enter_line(end_ + 1);
+    return true;
+  }
+
+  // A backslash: a line join, or the next character as it is (nothing at
+  // the end of the text).
+  void escape(std::string *out) {
+    if (join()) return;
+    if (pos_ + 1 < end_) out->push_back(s_[pos_ + 1]);
+    pos_ = std::min(pos_ + 2, end_);
+  }
+
+  // A quoted piece from the quote at the cursor to its partner, line breaks
+  // kept.
+  bool quoted(std::string *out) {
+    const char q = s_[pos_++];
+    for (;;) {
+      if (pos_ >= end_) {
+        if (end_ >= s_.size()) return fail(q == '"' ? "unterminated \"" : "unterminated '");
+        out->push_back('\n');
+        enter_line(end_ + 1);
+        continue;
+      }
+      char c = s_[pos_];
+      if (c == q) {
+        ++pos_;
+        return true;
+      }
+      if (q == '"' && c == '\\') {
+        escape(out);
+        continue;
+      }
+      out->push_back(c);
+      ++pos_;
+    }
+  }
+
+  bool fail(const char *why) {
+    error_ = why;
+    return false;
+  }
+
+  const std::string &s_;
+  size_t pos_ = 0;
+  size_t end_;
+  int line_ = 1;
+  size_t line_start_ = 0;
+  const char *error_ = nullptr;
+};
+
+// Carries out the statements of a configuration file on `p`.
 class ConfigParser {
  public:
-  explicit ConfigParser(uci_package *p) : p_(p) {}
+  ConfigParser(uci_package *p, bool strict) : p_(p), strict_(strict) {}
 
-  // Returns nullptr on success, else the reason.
-  const char *statement(const std::vector<Word> &w) {
-    const std::string &k = w[0].text;
-    if (keyword(k, "package")) {
-      if (w.size() != 2) return w.size() < 2 ? "package name missing" : "too many arguments";
-      if (!valid_package_name(w[1].text.c_str())) return "invalid package name";
-      return nullptr;
+  // The statements of the line at the cursor (and of the lines they run on
+  // into). Returns nullptr on success, else the reason.
+  const char *line(Cursor *c) {
+    c->skip_blanks();
+    if (c->at_end()) return nullptr;
+    for (;;) {
+      // Where a statement must follow (after ';' or an empty word), a
+      // comment will do, and so will the end of the text; a line break or a
+      // CR is no statement.
+      if (c->at('#') || (c->at_end() && c->last_line())) return nullptr;
+      bool more = false;
+      const char *why = statement(c, &more);
+      if (why || !more) return why;
+      c->skip_spaces();
     }
-    if (keyword(k, "config")) return config(w);
-    if (keyword(k, "option")) return option(w, false);
-    if (keyword(k, "list")) return option(w, true);
-    return "invalid command";
   }
 
  private:
-  const char *config(const std::vector<Word> &w) {
-    if (w.size() < 2) return "section type missing";
-    if (w.size() > 3) return "too many arguments";
-    const char *type = w[1].text.c_str();
-    if (!valid_type(type)) return "invalid section type";
-    if (w.size() == 3 && !w[2].text.empty()) {
-      const char *name = w[2].text.c_str();
-      if (!valid_name(name)) return "invalid section name";
-      uci_section *s = section_find(p_, name);
+  const char *statement(Cursor *c, bool *more) {
+    const std::string k = c->keyword();
+    const bool package = keyword(k, "package");
+    if (!package && !keyword(k, "config") && !keyword(k, "option") && !keyword(k, "list"))
+      return "invalid command";
+    // package takes a name; the others two words, the second optional.
+    std::string args[2];
+    for (int i = 0; i < (package ? 1 : 2); ++i) {
+      c->skip_blanks();
+      if (!c->word(&args[i])) return c->error();
+    }
+    const char *why = package   ? package_name(args[0])
+                      : k[0] == 'c' ? config(args[0], args[1])
+                                    : option(args[0], args[1], k[0] == 'l');
+    return why ? why : finish(c, more);
+  }
+
+  // After a statement's words: the end of the line, a comment, an empty
+  // word, or ';'. The last two leave the rest of the line to another
+  // statement, which after ';' must be there.
+  const char *finish(Cursor *c, bool *more) {
+    c->skip_blanks();
+    if (c->at(';')) {
+      c->advance();
+      *more = true;
+      return nullptr;
+    }
+    std::string extra;
+    if (!c->word(&extra)) return c->error();
+    if (!extra.empty()) {
+      if (strict_) return "too many arguments";
+      c->drop_rest();
+    }
+    if (c->at_end()) return nullptr;
+    // The empty word takes the one blank after it along.
+    c->skip_blank();
+    *more = true;
+    return nullptr;
+  }
+
+  const char *package_name(const std::string &name) {
+    return valid_package_name(name.c_str()) ? nullptr : "invalid package name";
+  }
+
+  const char *config(const std::string &type, const std::string &name) {
+    if (type.empty()) return "section type missing";
+    if (!valid_type(type.c_str())) return "invalid section type";
+    if (!name.empty()) {
+      if (!valid_name(name.c_str())) return "invalid section name";
+      uci_section *s = section_find(p_, name.c_str());
       if (s) {
         // A repeated name continues that section, if the type agrees.
-        if (strcmp(s->type, type) != 0) return "section of different type overwrites prior section";
+        if (strcmp(s->type, type.c_str()) != 0)
+          return "section of different type overwrites prior section";
         section_ = s;
         return nullptr;
       }
-      section_ = section_add(p_, type, name, false);
+      section_ = section_add(p_, type.c_str(), name.c_str(), false);
     } else {
-      section_ = section_add(p_, type, nullptr, true);
+      section_ = section_add(p_, type.c_str(), nullptr, true);
     }
     return section_ ? nullptr : "out of memory";
   }
 
-  const char *option(const std::vector<Word> &w, bool list) {
+  // A missing value reads as an empty one: no option, but an empty list item.
+  const char *option(const std::string &name, const std::string &value, bool list) {
     if (!section_) return "option/list command found before the first section";
-    if (w.size() < 2) return "option name missing";
-    if (w.size() > 3) return "too many arguments";
-    const char *name = w[1].text.c_str();
-    if (!valid_name(name)) return "invalid option name";
-    if (w.size() < 3) return nullptr;  // nothing to set
-    const char *value = w[2].text.c_str();
+    if (!valid_name(name.c_str())) return "invalid option name";
     uci_option *o = nullptr;
-    if (list) return add_list_item(section_, name, value, &o) == kNoMemory ? "out of memory" : nullptr;
-    if (!*value) return nullptr;  // an empty option is no option
-    return set_option(section_, name, value, &o) == kNoMemory ? "out of memory" : nullptr;
+    if (list)
+      return add_list_item(section_, name.c_str(), value.c_str(), &o) == kNoMemory ? "out of memory"
+                                                                                     : nullptr;
+    if (value.empty()) return nullptr;  // an empty option is no option
+    return set_option(section_, name.c_str(), value.c_str(), &o) == kNoMemory ? "out of memory"
+                                                                               : nullptr;
   }
 
   uci_package *p_;
+  bool strict_;
   uci_section *section_ = nullptr;
 };
 
@@ -212,36 +293,19 @@ const char kDeltaPrefixes[] = "\0+-@^|~";
 }  // namespace
 
 bool parse_config(uci_package *p, const std::string &text, bool strict, ParseError *err) {
-  // A NUL byte has no place in a text file and would cut names short.
-  size_t nul = text.find('\0');
-  if (nul != std::string::npos) {
-    err->reason = "invalid character";
-    err->line = 1 + static_cast<int>(std::count(text.begin(), text.begin() + nul, '\n'));
-    size_t bol = text.rfind('\n', nul);
-    err->byte = static_cast<int>(bol == std::string::npos ? nul : nul - bol - 1);
-    return false;
-  }
-  Lexer lex(text);
-  ConfigParser parser(p);
-  std::vector<Word> words;
-  for (;;) {
-    if (!lex.next(&words)) {
-      if (lex.error().empty()) return true;
-      err->reason = lex.error();
-      err->line = lex.line();
-      err->byte = lex.byte();
+  const std::string body = without_nul(text);
+  Cursor c(body);
+  ConfigParser parser(p, strict);
+  do {
+    const char *why = parser.line(&c);
+    if (why && (strict || strcmp(why, "out of memory") == 0)) {
+      err->reason = why;
+      err->line = c.line();
+      err->byte = c.byte();
       return false;
     }
-    const char *why = parser.statement(words);
-    if (why) {
-      if (strict || strcmp(why, "out of memory") == 0) {
-        err->reason = why;
-        err->line = words[0].line;
-        err->byte = words[0].byte;
-        return false;
-      }
-    }
-  }
+  } while (c.next_line());
+  return true;
 }
 
 std::string quote(const char *value) {
@@ -314,14 +378,17 @@ std::string delta_line(const char *package, const DeltaRec &d) {
 
 std::vector<DeltaRec> parse_deltas(const std::string &text, const char *package) {
   std::vector<DeltaRec> out;
-  // Whatever follows a NUL byte is not text any more.
-  const std::string body = text.substr(0, text.find('\0'));
-  Lexer lex(body);
-  std::vector<Word> words;
+  const std::string body = without_nul(text);
+  Cursor c(body);
+  std::string w;
   const size_t plen = strlen(package);
-  while (lex.next(&words)) {
-    if (words.size() != 1) continue;
-    const std::string &w = words[0].text;
+  do {
+    // One word to a line; anything else is no change.
+    c.skip_blanks();
+    if (c.at_end()) continue;
+    if (!c.word(&w)) break;
+    c.skip_blanks();
+    if (!c.at_end()) continue;
     DeltaRec d;
     size_t at = 0;
     const char *hit = w.empty() ? nullptr : strchr(kDeltaPrefixes + 1, w[0]);
@@ -348,7 +415,7 @@ std::vector<DeltaRec> parse_deltas(const std::string &text, const char *package)
     if (!valid_name(d.section.c_str())) continue;
     if (d.has_value && !valid_value(d.value.c_str())) continue;
     out.push_back(std::move(d));
-  }
+  } while (c.next_line());
   return out;
 }
 

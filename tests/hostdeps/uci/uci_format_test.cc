@@ -81,47 +81,89 @@ INSTANTIATE_TEST_SUITE_P(
         QuotingCase{"crlf", "'v'\r", "v"}, QuotingCase{"tabs_around", "\t'v'\t", "v"}),
     [](const ::testing::TestParamInfo<QuotingCase> &info) { return std::string(info.param.label); });
 
-struct BadFile {
+// Every option of `p` as "section.option=value", lists as "=[item,item]".
+std::string Dump(uci_package *p) {
+  std::string out;
+  uci_element *se, *oe, *ie;
+  uci_foreach_element(&p->sections, se) {
+    uci_foreach_element(&uci_to_section(se)->options, oe) {
+      uci_option *o = uci_to_option(oe);
+      out += (out.empty() ? "" : " ") + std::string(se->name) + "." + oe->name + "=";
+      if (o->type == UCI_TYPE_STRING) {
+        out += o->v.string;
+        continue;
+      }
+      const char *sep = "";
+      out += '[';
+      uci_foreach_element(&o->v.list, ie) {
+        out = out + sep + ie->name;
+        sep = ",";
+      }
+      out += ']';
+    }
+  }
+  return out;
+}
+
+struct FileCase {
   const char *label;
   const char *text;
+  const char *dump = nullptr;  // as Dump() prints it; nullptr: the file must not load
 };
 
-void PrintTo(const BadFile &c, std::ostream *os) { *os << c.label; }
+void PrintTo(const FileCase &c, std::ostream *os) { *os << c.label; }
 
-class UciMalformed : public UciTest, public ::testing::WithParamInterface<BadFile> {};
+class UciFiles : public UciTest, public ::testing::WithParamInterface<FileCase> {};
 
-TEST_P(UciMalformed, GivesParseErrorAndLoadsNothing) {
-  WriteFile(Conf("bad"), GetParam().text);
-  uci_package *p = reinterpret_cast<uci_package *>(this);  // must stay untouched
-  EXPECT_EQ(UCI_ERR_PARSE, uci_load(ctx_, "bad", &p));
+TEST_P(UciFiles, LoadAsExpected) {
+  const FileCase &c = GetParam();
+  WriteFile(Conf("f"), c.text);
+  uci_package *p = reinterpret_cast<uci_package *>(this);  // untouched on failure
+  if (c.dump) {
+    ASSERT_EQ(UCI_OK, uci_load(ctx_, "f", &p));
+    EXPECT_EQ(c.dump, Dump(p));
+    return;
+  }
+  EXPECT_EQ(UCI_ERR_PARSE, uci_load(ctx_, "f", &p));
   EXPECT_EQ(reinterpret_cast<uci_package *>(this), p);
-  EXPECT_EQ(nullptr, uci_lookup_package(ctx_, "bad"));
+  EXPECT_EQ(nullptr, uci_lookup_package(ctx_, "f"));
   // Nothing half-loaded stands in the way of a good file of that name.
-  WriteFile(Conf("bad"), "config t 's'\n");
-  EXPECT_EQ(UCI_OK, uci_load(ctx_, "bad", &p));
+  WriteFile(Conf("f"), "config t 's'\n");
+  EXPECT_EQ(UCI_OK, uci_load(ctx_, "f", &p));
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Files, UciMalformed,
+    Files, UciFiles,
     ::testing::Values(
-        BadFile{"option_before_config", "option a b\n"},
-        BadFile{"list_before_config", "list a b\nconfig t\n"},
-        BadFile{"config_without_type", "config\n"},
-        BadFile{"config_too_many_words", "config t n extra\n"},
-        BadFile{"section_name_with_dash", "config t 'bad-name'\n"},
-        BadFile{"section_name_with_dot", "config t a.b\n"},
-        BadFile{"type_with_space", "config 'a b'\n"},
-        BadFile{"same_name_other_type", "config a 'x'\nconfig b 'x'\n"},
-        BadFile{"option_name_with_dash", "config t\n\toption bad-name v\n"},
-        BadFile{"option_empty_name", "config t\n\toption '' v\n"},
-        BadFile{"option_too_many_words", "config t\n\toption a b c\n"},
-        BadFile{"list_too_many_words", "config t\n\tlist a b c\n"},
-        BadFile{"unknown_keyword", "config t\n\tvalue a b\n"},
-        BadFile{"unterminated_single", "config t\n\toption a 'open\n"},
-        BadFile{"unterminated_double", "config t\n\toption a \"open\n"},
-        BadFile{"error_after_good_lines", "config t 'n'\n\toption a b\n\nconfig u 'm'\nbogus\n"},
-        BadFile{"package_too_many_words", "package a b\n"}),
-    [](const ::testing::TestParamInfo<BadFile> &info) { return std::string(info.param.label); });
+        // Hand edits: a list item without a value is an empty one (and turns
+        // an option into a list); a backslash before the line break joins
+        // the next line, in double quotes too, and outside quotes it makes a
+        // word, which the next line's indent ends; ';' ends a statement, and
+        // after a word written without quotes or backslashes, the line.
+        FileCase{"list_without_value", "config t 's'\n\toption o 'v'\n\tlist o\n", "s.o=[v,]"},
+        FileCase{"backslash_then_indent", "config t 's'\n\toption o \\\n\t'v'\n"},
+        FileCase{"backslash_in_double_quotes", "config t 's'\n\toption o \"a\\\nb\"\n", "s.o=ab"},
+        FileCase{"backslash_after_config", "config t 's' \\\n\toption o 'a'\n", "s.o=a"},
+        FileCase{"semicolons", "config t 's'\n\toption o a;b\n\toption p 'b'; option q c\n",
+                 "s.o=a s.p=b s.q=c"},
+        FileCase{"option_before_config", "option a b\n"},
+        FileCase{"list_before_config", "list a b\nconfig t\n"},
+        FileCase{"config_without_type", "config\n"},
+        FileCase{"config_too_many_words", "config t n extra\n"},
+        FileCase{"section_name_with_dash", "config t 'bad-name'\n"},
+        FileCase{"section_name_with_dot", "config t a.b\n"},
+        FileCase{"type_with_space", "config 'a b'\n"},
+        FileCase{"same_name_other_type", "config a 'x'\nconfig b 'x'\n"},
+        FileCase{"option_name_with_dash", "config t\n\toption bad-name v\n"},
+        FileCase{"option_empty_name", "config t\n\toption '' v\n"},
+        FileCase{"option_too_many_words", "config t\n\toption a b c\n"},
+        FileCase{"list_too_many_words", "config t\n\tlist a b c\n"},
+        FileCase{"unknown_keyword", "config t\n\tvalue a b\n"},
+        FileCase{"unterminated_single", "config t\n\toption a 'open\n"},
+        FileCase{"unterminated_double", "config t\n\toption a \"open\n"},
+        FileCase{"error_after_good_lines", "config t 'n'\n\toption a b\n\nconfig u 'm'\nbogus\n"},
+        FileCase{"package_too_many_words", "package a b\n"}),
+    [](const ::testing::TestParamInfo<FileCase> &info) { return std::string(info.param.label); });
 
 }  // namespace
 }  // namespace rk::test

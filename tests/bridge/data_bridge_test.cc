@@ -95,56 +95,35 @@ struct Buf {
   std::string hex() const { return ToHex(blob_data(b.head), blob_len(b.head)); }
 };
 
-struct Row {
-  const char *in;
-  const char *json;  // lua_to_json, or blob_to_json of the attribute
-  const char *blob;  // lua_to_blob, or json_to_blob
-};
+// json: what lua_to_json gives; blob: what lua_to_blob or json_to_blob write.
+struct Row { const char *in, *json, *blob; };
 
 TEST(Bridge, LuaValuesOut) {
   const Row rows[] = {
-      {"{}", "[]", "[]"},
-      {"{1, 2, 3}", "[1,2,3]", "[{1},{2},{3}]"},
-      {"{[3] = true}", "[null,null,true]", "[{},{},{true}]"},
-      {"{[2147483648] = 1}", "{\"2147483648\":1}", "2147483648:1"},
-      {"{[1.5] = 'x'}", "{\"1.5\":\"x\"}", "1.5:\"x\""},
-      {"{[-1] = 1}", "{\"-1\":1}", "-1:1"},
-      {"{1, 2, x = 3}", "{\"1\":1,\"2\":2,\"x\":3}", "1:1,2:2,x:3"},
-      {"{[true] = 1}", "{}", ""},
-      {"{x = {}}", "{\"x\":[]}", "x:[]"},
-      {"{{a = 1}, {{1}}}", "[{\"a\":1},[[1]]]", "[{a:1},{[{[{1}]}]}]"},
+      {"{}", "[]", "[]"}, {"{1, 2, 3}", "[1,2,3]", "[{1},{2},{3}]"}, {"{[true] = 1}", "{}", ""},
+      {"{[3] = true}", "[null,null,true]", "[{},{},{true}]"}, {"{[-1] = 1}", "{\"-1\":1}", "-1:1"},
+      {"{[2147483648] = 1}", "{\"2147483648\":1}", "2147483648:1"}, {"{[1.5] = 'x'}", "{\"1.5\":\"x\"}", "1.5:\"x\""},
+      {"{1, 2, x = 3}", "{\"1\":1,\"2\":2,\"x\":3}", "1:1,2:2,x:3"}, {"{x = {}}", "{\"x\":[]}", "x:[]"},
       {"{t, t}", "[[],null]", "[{[]},{}]"},
+      {"{{a = 1}, {{1}}}", "[{\"a\":1},[[1]]]", "[{a:1},{[{[{1}]}]}]"},
       {"{{1}, {2}, {3}, {4}, {5}, {6}, {7}, {8}, {9}, {10}, {11}}", "[[1],[2],[3],[4],[5],[6],[7],[8],[9],[10],[11]]",
        "[{[{1}]},{[{2}]},{[{3}]},{[{4}]},{[{5}]},{[{6}]},{[{7}]},{[{8}]},{[{9}]},{[{10}]},{[{11}]}]"},
       {"(function() t.self = t return t end)()", "{\"self\":null}", ""},
       {"{print, coroutine.create(function() end), io.stdout}", "[null,null,null]", "[{},{},{}]"},
-      {"nil", "NULL", ""},
-      {"print", "NULL", ""},
-      {"true", "true", "true"},
-      {"'a\\0b'", "\"a\"", "\"a\""},
-      {"3.0", "3", "3"},
-      {"2147483647", "2147483647", "2147483647"},
-      {"-2147483648", "-2147483648", "-2147483648"},
-      {"-0.0", "0", "0"},
-      {"2147483648", "2147483648.0", "2.14748e+09d"},
-      {"0.5", "0.5", "0.5d"},
-      {"0/0", "NaN", nullptr},
-      {"1/0", "Infinity", "infd"},
-      {"-1/0", "-Infinity", "-infd"},
+      {"nil", "NULL", ""}, {"print", "NULL", ""}, {"true", "true", "true"}, {"'a\\0b'", "\"a\"", "\"a\""},
+      {"3.0", "3", "3"}, {"-0.0", "0", "0"}, {"2147483647", "2147483647", "2147483647"},
+      {"-2147483648", "-2147483648", "-2147483648"}, {"2147483648", "2147483648.0", "2.14748e+09d"},
+      {"0.5", "0.5", "0.5d"}, {"0/0", "NaN", nullptr}, {"1/0", "Infinity", "infd"},
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.in);
     Lua lua;
     lua_pushinteger(lua.L, 99);  // something below, which must stay
     lua.eval(r.in);
-    if (r.json) {
-      EXPECT_EQ(r.json, json_text(lua_to_json(lua.L, -1)));
-    }
+    if (r.json) { EXPECT_EQ(r.json, json_text(lua_to_json(lua.L, -1))); }
     Buf buf;
     EXPECT_EQ(0, lua_to_blob(lua.L, 2, &buf.b));
-    if (r.blob) {
-      EXPECT_EQ(r.blob, buf.text());
-    }
+    if (r.blob) { EXPECT_EQ(r.blob, buf.text()); }
     EXPECT_EQ(2, lua_gettop(lua.L));
   }
   Lua lua;
@@ -201,14 +180,9 @@ TEST(Bridge, WireBytesAreBigEndian) {
 
 TEST(Bridge, JsonToBlob) {
   const std::pair<const char *, const char *> rows[] = {
-      {"[1, null, 3]", "[1,3]"},
-      {"{\"a\": null, \"b\": {}, \"c\": [{\"d\": 1.0}]}", "b:{},c:[{d:1d}]"},
-      {"\"s\"", "\"s\""},
-      {"2147483647", "2147483647"},
-      {"-2147483648", "-2147483648"},
-      {"-2147483649", "-2147483649L"},
-      {"false", "false"},
-      {"null", ""},
+      {"[1, null, 3]", "[1,3]"}, {"{\"a\": null, \"b\": {}, \"c\": [{\"d\": 1.0}]}", "b:{},c:[{d:1d}]"},
+      {"\"s\"", "\"s\""}, {"2147483647", "2147483647"}, {"-2147483648", "-2147483648"},
+      {"-2147483649", "-2147483649L"}, {"false", "false"}, {"null", ""},
   };
   for (auto &r : rows) {
     json_object *obj = json_tokener_parse(r.first);
@@ -225,20 +199,15 @@ TEST(Bridge, JsonToBlob) {
 // Attributes as they may arrive from outside, each read within its bytes.
 TEST(Bridge, BlobToJsonAndLua) {
   const std::pair<const char *, const char *> rows[] = {
-      {"06000006 ffff", "65535"},
-      {"05000008 ffffffff", "-1"},
-      {"07000005 02", "true"},
-      {"01000004", "[]"},
-      {"01000010 00000004 05000008 00000005", "[null,5]"},
-      {"0200000c 80000008 00016100", "{\"a\":null}"},
+      {"06000006 ffff", "65535"}, {"05000008 ffffffff", "-1"}, {"07000005 02", "true"}, {"01000004", "[]"},
+      {"01000010 00000004 05000008 00000005", "[null,5]"}, {"0200000c 80000008 00016100", "{\"a\":null}"},
       {"0200000c 85000008 00056100", "{\"a\":null}"},  // name longer than its header
       {"0200000c 85000008 00026162", "{}"},            // name without its end
       {"01000008 05000010", "[]"},                     // a child longer than its parent
       {"01000008 05000000", "[]"},                     // a child without a length
       {"05000006 0001", "NULL"},                       // too short a payload
       {"03000006 6162", "\"ab\""},                     // a string without its NUL
-      {"09000004", "NULL"},
-      {"00000000", "NULL"},
+      {"09000004", "NULL"}, {"00000000", "NULL"},
   };
   for (auto &r : rows) {
     std::vector<uint8_t> bytes = Hex(r.first);
@@ -276,12 +245,8 @@ TEST(Bridge, BlobToJsonAndLua) {
 
 TEST(Bridge, JsonToLua) {
   const std::pair<const char *, const char *> rows[] = {
-      {"[1, null, 3]", "{1=1,3=3}"},
-      {"{\"a\": null, \"b\": [true, \"s\"], \"c\": {}}", "{b={1=true,2=s},c={}}"},
-      {"2147483648", "2147483648"},
-      {"-2147483648", "-2147483648"},
-      {"0.25", "0.25"},
-      {"null", "nil"},
+      {"[1, null, 3]", "{1=1,3=3}"}, {"{\"a\": null, \"b\": [true, \"s\"], \"c\": {}}", "{b={1=true,2=s},c={}}"},
+      {"2147483648", "2147483648"}, {"-2147483648", "-2147483648"}, {"0.25", "0.25"}, {"null", "nil"},
   };
   Lua lua;
   for (auto &r : rows) {

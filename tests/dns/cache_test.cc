@@ -1,12 +1,9 @@
 // The DNS cache: expiry arithmetic, lazy expiry at the exact tick, order of
 // addresses, slot limits and the life of names. Time is stepped by hand
 // through the cache's clock pointer.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <string.h>
 
 #include <string>
-#include <vector>
 
 #include "dns/cache.h"
 #include "dns_test.h"
@@ -33,18 +30,7 @@ class DnsCacheTest : public ::testing::Test {
 
   void put(const char *name, const DnsAddressEntry &a, uint32_t ttl) { DnsCache_Put(cache_, name, &a, ttl); }
 
-  // The live addresses of a name, newest first, as "a b c"; "absent" on -1.
-  std::string get(const char *name, int maxCount = 8) {
-    union {
-      DnsResult result;
-      uint8_t bytes[4 + 28 * 8];
-    } buf;
-    memset(&buf, 0, sizeof buf);
-    if (DnsCache_Get(cache_, name, &buf.result, maxCount) != 0) return "absent";
-    std::string out;
-    for (int i = 0; i < buf.result.count; ++i) out += (i ? " " : "") + Show(buf.result.slots[i]);
-    return out;
-  }
+  std::string get(const char *name, int maxCount = 8) { return Cached(cache_, name, maxCount); }
 
   unsigned names() const { return cache_->tree.count; }
 
@@ -52,28 +38,21 @@ class DnsCacheTest : public ::testing::Test {
 };
 
 TEST_F(DnsCacheTest, LifetimeArithmetic) {
-  struct Row {
-    uint32_t minCacheTime;
-    uint32_t ttl;
-    uint64_t lifetimeMs;
+  const struct { uint32_t minCacheTime, ttl; uint64_t lifetimeMs; } rows[] = {
+      {0, 300, 300000}, {60, 30, 90000} /* the minimum is added to a shorter ttl */, {60, 60, 60000},
+      {0, 4294967, 4294967000}, {0, 4294968, 704} /* 4294968000 wraps in 32 bits */,
+      {4294967295u, 2, 1000} /* the sum has 32 bits too */,
   };
-  const Row rows[] = {
-      {0, 300, 300000},
-      {60, 30, 90000},    // the minimum is added to a shorter ttl
-      {60, 60, 60000},
-      {0, 4294967, 4294967000},
-      {0, 4294968, 704},  // 4294968000 wraps in 32 bits
-      {4294967295u, 2, 1000},  // the sum has 32 bits too
-  };
-  for (const Row &row : rows) {
+  for (const auto &row : rows) {
+    SCOPED_TRACE("min " + std::to_string(row.minCacheTime) + " ttl " + std::to_string(row.ttl));
     DnsCache_Clean(cache_);
     DnsCache_setMinCacheTime(cache_, row.minCacheTime);
     const uint64_t start = fakeNow = 5000000000ull;  // above 2^32: ticks are kept at 64 bits
     put("aaa.bbbbbbb.ccc", Entry("1.2.3.4"), row.ttl);
     fakeNow = start + row.lifetimeMs;
-    EXPECT_EQ(get("aaa.bbbbbbb.ccc"), "1.2.3.4") << "min " << row.minCacheTime << " ttl " << row.ttl;
+    EXPECT_EQ(get("aaa.bbbbbbb.ccc"), "1.2.3.4");
     fakeNow = start + row.lifetimeMs + 1;
-    EXPECT_EQ(get("aaa.bbbbbbb.ccc"), "absent") << "min " << row.minCacheTime << " ttl " << row.ttl;
+    EXPECT_EQ(get("aaa.bbbbbbb.ccc"), "absent");
     EXPECT_EQ(names(), 0u) << "the last address takes its name with it";
     EXPECT_EQ(rk::dns::cacheLifetimeMs(row.ttl, row.minCacheTime), row.lifetimeMs);
   }
@@ -113,11 +92,7 @@ TEST_F(DnsCacheTest, MaxCountLimitsTheSlots) {
   EXPECT_EQ(get("n", -1), "");
 
   // On an absent name the count stays as it was.
-  union {
-    DnsResult result;
-    uint8_t bytes[4 + 28];
-  } buf;
-  buf.result.count = 77;
+  union { DnsResult result; uint8_t bytes[sizeof(DnsResult) + sizeof(DnsAddressEntry)]; } buf = {{77}};
   EXPECT_EQ(DnsCache_Get(cache_, "other", &buf.result, 0), -1);
   EXPECT_EQ(DnsCache_Get(cache_, "other", &buf.result, 1), -1);
   EXPECT_EQ(buf.result.count, 77);

@@ -1,9 +1,12 @@
 // What the DNS tests share: a datagram builder, addresses as bytes and as
-// DnsAddressEntry, and the text of a result ("name: a b c").
+// DnsAddressEntry, the text of a result ("name: a b c") and of a cached name,
+// and exact-size heap copies.
 #pragma once
 
 #include <arpa/inet.h>
+#include <string.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,10 +57,31 @@ inline std::string Show(const DnsAddressEntry &e) {
   return text;
 }
 
-inline std::string Show(const char *name, const DnsResult *result) {
-  std::string s = std::string(name) + ":";
-  for (int i = 0; i < result->count; ++i) s += " " + Show(result->slots[i]);
+// The slots of a result as "a b c".
+inline std::string Addresses(const DnsResult *result) {
+  std::string s;
+  for (int i = 0; i < result->count; ++i) s += (i ? " " : "") + Show(result->slots[i]);
   return s;
+}
+
+inline std::string Show(const char *name, const DnsResult *result) {
+  return std::string(name) + ":" + (result->count > 0 ? " " + Addresses(result) : "");
+}
+
+// The live addresses of a cached name, newest first; "absent" when the cache has none.
+inline std::string Cached(DnsCache *cache, const char *name, int maxCount = 16) {
+  union {
+    DnsResult result;
+    uint8_t bytes[sizeof(DnsResult) + 16 * sizeof(DnsAddressEntry)];
+  } buf = {};
+  return DnsCache_Get(cache, name, &buf.result, maxCount) == 0 ? Addresses(&buf.result) : "absent";
+}
+
+// An exact-size heap copy: a read behind its end is an ASan report.
+inline std::unique_ptr<uint8_t[]> HeapCopy(const Bytes &b) {
+  std::unique_ptr<uint8_t[]> copy(new uint8_t[b.empty() ? 1 : b.size()]);
+  if (!b.empty()) memcpy(copy.get(), b.data(), b.size());
+  return copy;
 }
 
 // Big-endian datagram builder.
@@ -76,6 +100,8 @@ struct Packet {
   Packet &fill(size_t n, uint8_t v) { return raw(Bytes(n, v)); }
   // A record named by a compression pointer to the question.
   Packet &answer(uint16_t type, uint32_t ttl, const Bytes &rdata) { return u8(0xC0).u8(0x0C).record(type, ttl, rdata); }
+  Packet &a(const char *v4, uint32_t ttl = 60) { return answer(1, ttl, V4(v4)); }
+  Packet &aaaa(const char *v6, uint32_t ttl = 60) { return answer(28, ttl, V6(v6)); }
   // A record whose name is written in full.
   Packet &answerNamed(const std::string &name, uint16_t type, uint32_t ttl, const Bytes &rdata) {
     return raw(Labels(name)).record(type, ttl, rdata);
@@ -85,10 +111,9 @@ struct Packet {
   }
 };
 
-// A response header: identifier as a number, flags 0x8180, no NS/AR records.
-inline Packet Header(uint16_t id, uint16_t qd, uint16_t an) {
-  Packet p;
-  return p.u16(id).u16(0x8180).u16(qd).u16(an).u16(0).u16(0);
+// A header: identifier as a number, a response's flags unless told, no NS/AR records.
+inline Packet Header(uint16_t id, uint16_t qd, uint16_t an, uint16_t flags = 0x8180) {
+  return Packet().u16(id).u16(flags).u16(qd).u16(an).u16(0).u16(0);
 }
 
 // A response with one question (class IN) and `an` answers still to add.

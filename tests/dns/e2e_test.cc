@@ -7,14 +7,12 @@
 // namespaces, where port 53 of 127.0.0.1 and ::1 is free.
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -30,9 +28,8 @@
 namespace rk::test {
 namespace {
 
-// ---- the client's callback ----
-
-std::vector<std::string> answers;
+using Strings = std::vector<std::string>;
+Strings answers;
 bool in_lookup = false;
 
 int Record(AsyncDnsContext *, const char *name, DnsResult *result) {
@@ -60,11 +57,9 @@ int Lookup(AsyncDnsContext *c, const char *name) {
 }
 
 // The query for "aaa.bbbbbbb.ccc": the identifier's bytes as the context
-// keeps them (network order), then the fixed header and the question.
-Bytes Query33(uint16_t id_network, uint16_t type) {
-  Packet p;
-  p.raw(Bytes(reinterpret_cast<const uint8_t *>(&id_network), reinterpret_cast<const uint8_t *>(&id_network) + 2));
-  return p.u16(0x0100).u16(1).u16(0).u16(0).u16(0).raw(Labels("aaa.bbbbbbb.ccc")).u16(type).u16(1).b;
+// keeps them (network order), recursion desired, and the question.
+Bytes Query33(uint16_t idNetwork, uint16_t type) {
+  return Header(ntohs(idNetwork), 1, 0, 0x0100).raw(Labels("aaa.bbbbbbb.ccc")).u16(type).u16(1).b;
 }
 
 class DnsE2e : public ::testing::Test {
@@ -74,7 +69,8 @@ class DnsE2e : public ::testing::Test {
     ASSERT_EQ(uloop_init(), 0);
     answers.clear();
     ctx_.reset(asyncDns_create(Record));
-    ASSERT_TRUE(ctx_);
+    server_.emplace();  // port 53: only in the namespace
+    ASSERT_TRUE(ctx_ && server_->ok());
   }
   void TearDown() override {
     ctx_.reset();
@@ -82,17 +78,16 @@ class DnsE2e : public ::testing::Test {
   }
   AsyncDnsContext *c() { return ctx_.get(); }
   // A lookup of "aaa.bbbbbbb.ccc" at 127.0.0.1: its two queries.
-  std::vector<DnsQuery> Ask(DnsResponder &server) {
+  std::vector<DnsQuery> Ask() {
     EXPECT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);
     EXPECT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-    return server.Take(2);
+    return server_->Take(2);
   }
+  std::optional<DnsResponder> server_;
   ContextPtr ctx_{nullptr, asyncDns_destroy};
 };
 
 TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
-  DnsResponder server;
-  ASSERT_TRUE(server.ok());
   // The IPv6 list reaches IPv4 addresses too, as v4-mapped ones.
   const std::vector<std::string> v4 = {"127.0.0.3", "127.0.0.1", "127.0.0.2"};
   const std::vector<std::string> v6 = {"::ffff:127.0.0.6", "::1", "::ffff:127.0.0.5"};
@@ -101,8 +96,8 @@ TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
   ASSERT_EQ(asyncDns_AddServer(c(), "127.0.0.1"), 0);  // already there: still one
 
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-  std::vector<std::string> got, want;
-  for (const DnsQuery &q : server.Take(13)) {
+  Strings got, want;
+  for (const DnsQuery &q : server_->Take(13)) {
     got.push_back(q.to + (q.type() == 1 ? " A" : " AAAA"));
     EXPECT_EQ(ToHex(q.bytes), ToHex(Query33(c()->id, q.type() == 1 ? 1 : 28)));
   }
@@ -118,7 +113,7 @@ TEST_F(DnsE2e, ServersAreAddedOnceAndLogged) {
   SyslogCapture log;
   ASSERT_TRUE(log.ok());
   using Add = int (*)(AsyncDnsContext *, const char *);
-  const std::tuple<Add, const char *, int, std::vector<std::string>> rows[] = {
+  const std::tuple<Add, const char *, int, Strings> rows[] = {
       {asyncDns_AddServer, "127.0.0.1", 0, {"I [asyncDns_AddServer:N]add 127.0.0.1"}},
       {asyncDns_AddServer, "127.0.0.1", 0, {}},
       {asyncDns_AddServer, "::1", -1, {"E [asyncDns_AddServer:N]szServer=::1"}},
@@ -158,9 +153,9 @@ TEST_F(DnsE2e, NoSocketNoContextButTheIdentifierSteps) {
     setrlimit(RLIMIT_NOFILE, &saved);
     EXPECT_EQ(fcntl(lowest, F_GETFD), -1) << "the IPv4 socket is closed again";
   }
-  EXPECT_EQ(log.TakeNormalized(), (std::vector<std::string>{
-                                      "E [createDnsSock:N]error create sock", "E [asyncDns_create:N]error dnsSock",
-                                      "E [createDnsSock:N]error create sock", "E [asyncDns_create:N]error dns6Sock"}));
+  const char *noSocket = "E [createDnsSock:N]error create sock";
+  EXPECT_EQ(log.TakeNormalized(),
+            (Strings{noSocket, "E [asyncDns_create:N]error dnsSock", noSocket, "E [asyncDns_create:N]error dns6Sock"}));
   ContextPtr after(asyncDns_create(nullptr), asyncDns_destroy);
   ASSERT_TRUE(after);
   EXPECT_EQ(ntohs(after->id), static_cast<uint16_t>(before + 3));
@@ -169,33 +164,26 @@ TEST_F(DnsE2e, NoSocketNoContextButTheIdentifierSteps) {
 TEST(DnsIdentifiers, ProcessIdThenOneMorePerContext) {
   // A fresh process: its first context carries getpid(), the next one more.
   EXPECT_EQ(RunInChild([] {
-              AsyncDnsContext *a = asyncDns_create(nullptr);
-              AsyncDnsContext *b = asyncDns_create(nullptr);
-              bool ok = a && b && ntohs(a->id) == static_cast<uint16_t>(getpid()) &&
-                        ntohs(b->id) == static_cast<uint16_t>(getpid() + 1);
-              asyncDns_destroy(a);
-              asyncDns_destroy(b);
-              return ok ? 0 : 1;
-            }),
-            0);
+              ContextPtr a(asyncDns_create(nullptr), asyncDns_destroy), b(asyncDns_create(nullptr), asyncDns_destroy);
+              const uint16_t pid = static_cast<uint16_t>(getpid());
+              return a && b && ntohs(a->id) == pid && ntohs(b->id) == static_cast<uint16_t>(pid + 1) ? 0 : 1;
+            }), 0);
 }
 
 TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
-  DnsResponder server;
-  ASSERT_TRUE(server.ok());
-  std::vector<DnsQuery> q = Ask(server);
+  std::vector<DnsQuery> q = Ask();
   ASSERT_EQ(q.size(), 2u);
   const uint16_t id = ntohs(c()->id);
-  ASSERT_TRUE(server.Reply(q[0], Response(id, "aaa.bbbbbbb.ccc", 1).answer(1, 300, V4("192.0.2.1")).b));
-  ASSERT_TRUE(server.Reply(q[1], Response(id, "aaa.bbbbbbb.ccc", 1, 28).answer(28, 300, V6("2001:db8::1")).b));
+  ASSERT_TRUE(server_->Reply(q[0], Response(id, "aaa.bbbbbbb.ccc", 1).a("192.0.2.1", 300).b));
+  ASSERT_TRUE(server_->Reply(q[1], Response(id, "aaa.bbbbbbb.ccc", 1, 28).aaaa("2001:db8::1", 300).b));
   ASSERT_TRUE(RunUntil(2));
-  EXPECT_EQ(answers, (std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1", "aaa.bbbbbbb.ccc: 2001:db8::1"}));
+  EXPECT_EQ(answers, (Strings{"aaa.bbbbbbb.ccc: 192.0.2.1", "aaa.bbbbbbb.ccc: 2001:db8::1"}));
 
   answers.clear();
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-  EXPECT_EQ(answers, std::vector<std::string>{"inside aaa.bbbbbbb.ccc: 2001:db8::1 192.0.2.1"});
+  EXPECT_EQ(answers, Strings{"inside aaa.bbbbbbb.ccc: 2001:db8::1 192.0.2.1"});
   DnsQuery none;
-  EXPECT_FALSE(server.Next(&none, 50));  // nothing was sent
+  EXPECT_FALSE(server_->Next(&none, 50));  // nothing was sent
 
   // Without a callback nobody could take a cached answer: the lookup asks.
   ContextPtr quiet(asyncDns_create(nullptr), asyncDns_destroy);
@@ -203,26 +191,24 @@ TEST_F(DnsE2e, OneCallbackPerDatagramThenTheCacheAnswersInsideTheLookup) {
   const DnsAddressEntry cached = Entry("192.0.2.1");
   DnsCache_Put(quiet->cache, "aaa.bbbbbbb.ccc", &cached, 300);
   ASSERT_EQ(asyncLookup(quiet.get(), "aaa.bbbbbbb.ccc"), 0);
-  EXPECT_EQ(server.Take(2).size(), 2u);
+  EXPECT_EQ(server_->Take(2).size(), 2u);
 
   EXPECT_EQ(asyncDns_setMinDnsCache(c(), 7), 0);
   EXPECT_EQ(c()->cache->minCacheTime, 7u);
   EXPECT_EQ(asyncDns_cleanCache(c()), 0);  // forgotten: the next lookup asks again
   answers.clear();
   ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);
-  EXPECT_EQ(server.Take(2).size(), 2u);
+  EXPECT_EQ(server_->Take(2).size(), 2u);
   EXPECT_TRUE(answers.empty());
 }
 
 TEST_F(DnsE2e, OneDatagramPerReadEventAndTheRegistrationRenewed) {
-  DnsResponder server;
-  ASSERT_TRUE(server.ok());
-  std::vector<DnsQuery> q = Ask(server);
+  std::vector<DnsQuery> q = Ask();
   ASSERT_EQ(q.size(), 2u);
   for (const char *a : {"192.0.2.1", "192.0.2.2", "192.0.2.3"})
-    ASSERT_TRUE(server.Reply(q[0], Response(ntohs(c()->id), "aaa.bbbbbbb.ccc", 1).answer(1, 0, V4(a)).b));
+    ASSERT_TRUE(server_->Reply(q[0], Response(ntohs(c()->id), "aaa.bbbbbbb.ccc", 1).a(a, 0).b));
   c()->dnsSock.cb(&c()->dnsSock, ULOOP_READ);
-  EXPECT_EQ(answers, std::vector<std::string>{"aaa.bbbbbbb.ccc: 192.0.2.1"});
+  EXPECT_EQ(answers, Strings{"aaa.bbbbbbb.ccc: 192.0.2.1"});
   c()->dnsSock.cb(&c()->dnsSock, ULOOP_WRITE);  // not a read event: nothing read
   EXPECT_EQ(answers.size(), 1u);
   ASSERT_TRUE(RunUntil(3));
@@ -249,16 +235,14 @@ TEST_F(DnsE2e, ErrorOrEofClosesThatFamilysSocketForGood) {
     const int null = open("/dev/null", O_RDONLY | O_CLOEXEC), other = fd;
     ASSERT_TRUE(null == fd || dup2(null, fd) == fd);
     if (null != fd) close(null);
-
-    DnsResponder server;
-    ASSERT_TRUE(server.ok());
     ASSERT_EQ(Lookup(c(), "aaa.bbbbbbb.ccc"), 0);  // the other family goes on
-    std::vector<DnsQuery> q = server.Take(3);
+    std::vector<DnsQuery> q = server_->Take(3);
     ASSERT_EQ(q.size(), 2u);
     EXPECT_EQ(q[0].to + " " + q[1].to, std::string(row.left) + " " + row.left);
     const uint8_t none[1] = {0};
     EXPECT_EQ((row.v4 ? rk::dns::sendDnsQuery : rk::dns::sendDnsQuery6)(c(), none, 1), -1);
     EXPECT_EQ((row.v4 ? rk::dns::sendDnsQuery6 : rk::dns::sendDnsQuery)(c(), none, 1), 0);
+    EXPECT_EQ(server_->Take(1).size(), 1u);
     EXPECT_EQ(rk::dns::sendDnsQuery(nullptr, none, 1), -1);
     ctx_.reset();
     EXPECT_NE(fcntl(other, F_GETFD), -1);

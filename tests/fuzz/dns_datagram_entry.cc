@@ -20,7 +20,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -32,13 +31,9 @@
 
 namespace {
 
-struct FuzzState {
-  AsyncDnsContext *ctx = nullptr;
-  std::string lastName;
-  bool fromCache = false;
-};
-
-FuzzState &state();
+AsyncDnsContext *ctx;  // one for the process, made by the first input
+std::string lastName;  // the name the last callback from a datagram delivered
+bool fromCache = false;
 
 [[noreturn]] void fail(const char *what) {
   fprintf(stderr, "dns fuzz: %s\n", what);
@@ -46,12 +41,11 @@ FuzzState &state();
 }
 
 int onAnswer(AsyncDnsContext *context, const char *name, DnsResult *result) {
-  FuzzState &s = state();
-  if (context != s.ctx) fail("callback with a foreign context");
+  if (context != ctx) fail("callback with a foreign context");
   if (!name || !result) fail("callback without name or result");
   size_t len = strnlen(name, 256);
   if (len > 253) fail("name longer than 253 characters");
-  const int32_t maxSlots = s.fromCache ? 73 : 16;
+  const int32_t maxSlots = fromCache ? 73 : 16;
   if (result->count < 1 || result->count > maxSlots) fail("slot count out of range");
   unsigned sum = 0;
   for (int32_t i = 0; i < result->count; ++i) {
@@ -60,39 +54,28 @@ int onAnswer(AsyncDnsContext *context, const char *name, DnsResult *result) {
     const auto *bytes = reinterpret_cast<const uint8_t *>(&e);
     for (size_t b = 0; b < sizeof e; ++b) sum += bytes[b];
   }
-  if (!s.fromCache) s.lastName.assign(name, len);
+  if (!fromCache) lastName.assign(name, len);
   return static_cast<int>(sum & 1);
 }
 
-FuzzState &state() {
-  static FuzzState s = [] {
-    FuzzState f;
-    // The library logs every refused datagram; inside the test namespace
-    // syslog goes nowhere (the messages are still formatted), outside of it
-    // we refuse to run rather than flood the machine's log.
-    if (!rk::test::SilenceSyslog()) fail("run this through tests/support/rk-ns-run");
-    uloop_init();
-    f.ctx = asyncDns_create(&onAnswer);
-    if (!f.ctx) fail("asyncDns_create failed");
-    f.ctx->id = htons(0x1234);
-    return f;
-  }();
-  return s;
+AsyncDnsContext *start() {
+  // The library logs every refused datagram; inside the test namespace
+  // syslog goes nowhere (the messages are still formatted), outside of it
+  // we refuse to run rather than flood the machine's log.
+  if (!rk::test::SilenceSyslog()) fail("run this through tests/support/rk-ns-run");
+  uloop_init();
+  AsyncDnsContext *made = asyncDns_create(&onAnswer);
+  if (!made) fail("asyncDns_create failed");
+  made->id = htons(0x1234);
+  return made;
 }
 
 sockaddr_storage senderOf(unsigned way) {
   sockaddr_storage ss{};
-  if (way == 0 || way == 3) {
-    auto &s4 = reinterpret_cast<sockaddr_in &>(ss);
-    s4.sin_family = AF_INET;
-    s4.sin_port = htons(53);
-    s4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  } else if (way == 1) {
-    auto &s6 = reinterpret_cast<sockaddr_in6 &>(ss);
-    s6.sin6_family = AF_INET6;
-    s6.sin6_port = htons(53);
-    s6.sin6_addr = in6addr_loopback;
-  }
+  const sockaddr_in v4{AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+  const sockaddr_in6 v6{AF_INET6, htons(53), 0, IN6ADDR_LOOPBACK_INIT, 0};
+  if (way == 0 || way == 3) memcpy(&ss, &v4, sizeof v4);
+  if (way == 1) memcpy(&ss, &v6, sizeof v6);
   return ss;
 }
 
@@ -102,26 +85,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 1) return 0;
-  FuzzState &s = state();
-  const unsigned way = data[0] & 3;
-  const bool lookUpAgain = data[0] & 4;
+  if (!ctx) ctx = start();
   const size_t len = size - 1;
-  s.lastName.clear();
-  s.fromCache = false;
+  lastName.clear();
 
   // An exact-size heap copy, so that any read past the datagram is caught.
   std::unique_ptr<uint8_t[]> copy(new uint8_t[len ? len : 1]);
-  if (len) memcpy(copy.get(), data + 1, len);
-  sockaddr_storage from = senderOf(way);
-  int rc = rk::dns::processDatagram(s.ctx, copy.get(), len, &from);
+  memcpy(copy.get(), data + 1, len);
+  const sockaddr_storage from = senderOf(data[0] & 3);
+  const int rc = rk::dns::processDatagram(ctx, copy.get(), len, &from);
   if (rc != 0 && rc != -1) fail("processDatagram result");
 
-  if (lookUpAgain && !s.lastName.empty()) {
+  if ((data[0] & 4) && !lastName.empty()) {
     // No servers: a miss sends nothing, a hit runs the callback inside.
-    s.fromCache = true;
-    if (asyncLookup(s.ctx, s.lastName.c_str()) != 0) fail("asyncLookup of a delivered name failed");
-    s.fromCache = false;
+    fromCache = true;
+    if (asyncLookup(ctx, lastName.c_str()) != 0) fail("asyncLookup of a delivered name failed");
+    fromCache = false;
   }
-  asyncDns_cleanCache(s.ctx);
+  asyncDns_cleanCache(ctx);
   return 0;
 }

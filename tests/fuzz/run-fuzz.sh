@@ -23,14 +23,11 @@ targets=${*:-dns_datagram blob_reader json_roundtrip}
 src=$(cd "$(dirname "$0")/../.." && pwd -P)
 for target in $targets; do
   fuzzer=$build/tests/fuzz/${target}_fuzzer
-  if [ ! -x "$fuzzer" ]; then
-    echo "no fuzzer at $fuzzer (configure with CC=clang CXX=clang++ -DROUTERKIT_BUILD_FUZZ=ON)" >&2
-    exit 2
-  fi
+  [ -x "$fuzzer" ] || { echo "no fuzzer at $fuzzer (configure with CC=clang CXX=clang++ -DROUTERKIT_BUILD_FUZZ=ON)" >&2; exit 2; }
   work=$build/tests/fuzz/$target-work
+  log=$work/fuzz.log
   mkdir -p "$work/corpus" "$work/artifacts"
   echo "== fuzzing $target for $secs s"
-  log=$work/fuzz.log
   if (cd "$build" &&
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:allocator_may_return_null=0 \
     UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \

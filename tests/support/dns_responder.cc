@@ -14,19 +14,12 @@ constexpr uint16_t kTypeA = 1, kTypeAaaa = 28;
 
 }  // namespace
 
-uint16_t DnsQuery::type() const {
-  const size_t n = bytes.size();
-  return n >= 4 ? static_cast<uint16_t>(bytes[n - 4] << 8 | bytes[n - 3]) : 0;
-}
-
 DnsResponder::DnsResponder(uint16_t port) {
   fd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   int off = 0, on = 1;
   setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
   setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
-  sockaddr_in6 any{};
-  any.sin6_family = AF_INET6;
-  any.sin6_port = htons(port);
+  sockaddr_in6 any{AF_INET6, htons(port), 0, {}, 0};
   if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
     close(fd_);
     fd_ = -1;
@@ -49,13 +42,7 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
   uint8_t buf[2048];
   char control[256];
   iovec iov{buf, sizeof buf};
-  msghdr msg{};
-  msg.msg_name = &q->from;
-  msg.msg_namelen = sizeof q->from;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
+  msghdr msg{&q->from, sizeof q->from, &iov, 1, control, sizeof control, 0};
   const ssize_t n = recvmsg(fd_, &msg, 0);
   if (n < 0) return false;
   q->bytes.assign(buf, buf + n);
@@ -65,10 +52,8 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
     memcpy(&info, CMSG_DATA(c), sizeof info);
     q->toAddress = info.ipi6_addr;
     char text[INET6_ADDRSTRLEN] = "";
-    if (IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr))
-      inet_ntop(AF_INET, &info.ipi6_addr.s6_addr[12], text, sizeof text);
-    else
-      inet_ntop(AF_INET6, &info.ipi6_addr, text, sizeof text);
+    const bool v4 = IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr);
+    inet_ntop(v4 ? AF_INET : AF_INET6, &info.ipi6_addr.s6_addr[v4 ? 12 : 0], text, sizeof text);
     q->to = text;
   }
   return true;
@@ -84,13 +69,7 @@ std::vector<DnsQuery> DnsResponder::Take(size_t n) {
 bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
-  msghdr msg{};
-  msg.msg_name = const_cast<sockaddr_in6 *>(&q.from);
-  msg.msg_namelen = sizeof q.from;
-  msg.msg_iov = &iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = sizeof control;
+  msghdr msg{const_cast<sockaddr_in6 *>(&q.from), sizeof q.from, &iov, 1, control, sizeof control, 0};
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
   c->cmsg_level = IPPROTO_IPV6;
   c->cmsg_type = IPV6_PKTINFO;
@@ -134,7 +113,6 @@ void DnsResponder::ServeLoop() {
       b.insert(b.end(), rdata, rdata + rdLength);
     }
     Reply(q, b);
-    answered_.fetch_add(1, std::memory_order_relaxed);
   }
 }
 

@@ -21,7 +21,9 @@ struct DnsQuery {
   in6_addr toAddress{};  // the local address it was sent to
   std::string to;        // the same as text ("127.0.0.1", "::1")
   // QTYPE: the two bytes before QCLASS at the end of the question.
-  uint16_t type() const;
+  uint16_t type() const {
+    return bytes.size() >= 4 ? static_cast<uint16_t>(bytes[bytes.size() - 4] << 8 | bytes[bytes.size() - 3]) : 0;
+  }
 };
 
 class DnsResponder {
@@ -44,7 +46,6 @@ class DnsResponder {
   // question, TTL as set), anything else with no answer.
   void Serve(const char *ipv4, const char *ipv6, uint32_t ttl);
   void SetTtl(uint32_t seconds) { ttl_.store(seconds, std::memory_order_relaxed); }
-  uint64_t Answered() const { return answered_.load(std::memory_order_relaxed); }
 
  private:
   void ServeLoop();
@@ -52,7 +53,6 @@ class DnsResponder {
   uint8_t v4_[4] = {}, v6_[16] = {};
   std::atomic<bool> stop_{false};
   std::atomic<uint32_t> ttl_{0};
-  std::atomic<uint64_t> answered_{0};
   std::thread thread_;
 };
 

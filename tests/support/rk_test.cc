@@ -63,19 +63,15 @@ bool InTestNamespace() {
 }
 
 bool WriteFile(const std::string &path, const std::string &content, int mode) {
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) return false;
-    out << content;
-    if (!out) return false;
-  }
-  return chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  out.close();  // fails, as the write did, when the file could not be opened
+  return out && chmod(path.c_str(), static_cast<mode_t>(mode)) == 0;
 }
 
 std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream ss;
-  ss << in.rdbuf();
+  ss << std::ifstream(path, std::ios::binary).rdbuf();
   return ss.str();
 }
 

@@ -6,9 +6,7 @@
 #include <sys/syscall.h>
 #include <syslog.h>
 
-#include <optional>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "rk_test.h"
 
@@ -37,60 +35,47 @@ class KvTest : public ::testing::Test {
   int fds_ = 0;
 };
 
-// ---------------------------------------------------------------- files
-
-struct FileCase {
-  const char *what;
-  std::string content;
-  std::string key;
-  int size;
-  int result;
-  std::optional<std::string> out;  // nullopt: the buffer is not written at all
-};
+// "<result> <text written>", the text "<untouched>" when nothing was.
+constexpr const char *kUntouched = "<untouched>";
+std::string Written(int result, const Out &out) {
+  return std::to_string(result) + " " + (out.untouched() ? kUntouched : out.text());
+}
 
 std::string Repeat(char c, size_t n) { return std::string(n, c); }
 
-const FileCase kFileCases[] = {
-    {"plain", "a=1\n", "a", 64, 1, "1"},
+// What, file content, key, size, result, text
+const std::tuple<const char *, std::string, std::string, int, int, std::string> kFileCases[] = {
     {"tabs around :, trailing blanks", "a\t:\t1 \t \t\n", "a", 64, 1, "1"},
     {"blanks inside stay", "a=b c  d  \n", "a", 64, 6, "b c  d"},
     {"second =", "a==x\n", "a", 64, 2, "=x"},
     {"CR mid-line", "a=x\ry\n", "a", 64, 1, "x"},
     {"last line without LF", "b=1\na=last", "a", 64, 4, "last"},
     {"blank value", "a=   \n", "a", 64, 0, ""},
-    {"key not at first byte", "  a=1\n", "a", 64, 0, std::nullopt},
+    {"key not at first byte", "  a=1\n", "a", 64, 0, kUntouched},
     {"first match wins, even empty", "a=\na=2\n", "a", 64, 0, ""},
-    {"non-matching line is skipped", "a x\na=2\n", "a", 64, 1, "2"},
-    {"longer key", "snmp=1\n", "sn", 64, 0, std::nullopt},
-    {"key missing", "b=1\nc=2\n", "a", 64, 0, std::nullopt},
+    {"longer key", "snmp=1\n", "sn", 64, 0, kUntouched},
     {"size 1, found", "a=1\n", "a", 1, 0, ""},
     {"cut, then trimmed", "a=ab   cd\n", "a", 5, 2, "ab"},
     {"long value behind a 1-byte key", "a=" + Repeat('v', 70) + "\n", "a", 128, 61, Repeat('v', 61)},
     {"rest of a long line is a line", Repeat('z', 63) + "sn=tail\n", "sn", 64, 4, "tail"},
     {"62-byte key: separator ends the piece", Repeat('k', 62) + "=value\n", Repeat('k', 62), 64, 0, ""},
-    {"63-byte key never matches", Repeat('k', 63) + "=value\n", Repeat('k', 63), 64, 0, std::nullopt},
+    {"63-byte key never matches", Repeat('k', 63) + "=value\n", Repeat('k', 63), 64, 0, kUntouched},
     {"empty key, blanks and colon", "b=1\n \t: y\n", "", 64, 1, "y"},
 };
 
-class FileValueTest : public KvTest {};
-
-TEST_F(FileValueTest, LineFormsAndEdges) {
+TEST_F(KvTest, FileLineFormsAndEdges) {
   TempDir dir;
   const std::string path = dir / "values";
-  for (const FileCase &c : kFileCases) {
-    SCOPED_TRACE(c.what);
-    ASSERT_TRUE(WriteFile(path, c.content));
+  for (const auto &[what, content, key, size, result, text] : kFileCases) {
+    ASSERT_TRUE(WriteFile(path, content));
     Out out;
-    EXPECT_EQ(getValueFromFile(path.c_str(), c.key.c_str(), out.bytes, c.size), c.result);
+    const int rc = getValueFromFile(path.c_str(), key.c_str(), out.bytes, size);
+    EXPECT_EQ(Written(rc, out), std::to_string(result) + " " + text) << what;
     EXPECT_EQ(out.before, ' ');
-    if (c.out)
-      EXPECT_EQ(out.text(), *c.out);
-    else
-      EXPECT_TRUE(out.untouched());
   }
 }
 
-TEST_F(FileValueTest, BadArgumentsAndUnreadableFilesAreLoggedAndRefused) {
+TEST_F(KvTest, FileBadArgumentsAndUnreadableFilesAreLoggedAndRefused) {
   RK_REQUIRE_NAMESPACE();
   SyslogCapture sink;
   ASSERT_TRUE(sink.ok());
@@ -98,15 +83,11 @@ TEST_F(FileValueTest, BadArgumentsAndUnreadableFilesAreLoggedAndRefused) {
   const std::string path = dir / "values";
   ASSERT_TRUE(WriteFile(path, "a=1\n"));
   const std::string null_value = "E [getValueFromFile:N]getVersionInfoFromFile value is NULL";
-  const struct {
-    const char *path, *key;
-    bool out;
-    int size;
-    std::string log;
-  } cases[] = {{nullptr, "a", true, 64, null_value},     {path.c_str(), nullptr, true, 64, null_value},
-               {path.c_str(), "a", false, 64, null_value}, {path.c_str(), "a", true, 0, null_value},
-               {"/etc/no-such-file", "serial", true, 64,
-                "E [getValueFromFile:N]open /etc/no-such-file for read key=serial ERROR"}};
+  const struct { const char *path, *key; bool out; int size; std::string log; } cases[] = {
+      {nullptr, "a", true, 64, null_value}, {path.c_str(), nullptr, true, 64, null_value},
+      {path.c_str(), "a", false, 64, null_value}, {path.c_str(), "a", true, 0, null_value},
+      {"/etc/no-such-file", "serial", true, 64,
+       "E [getValueFromFile:N]open /etc/no-such-file for read key=serial ERROR"}};
   for (const auto &c : cases) {
     Out out;
     EXPECT_EQ(getValueFromFile(c.path, c.key, c.out ? out.bytes : nullptr, c.size), -1);
@@ -119,37 +100,22 @@ TEST_F(FileValueTest, BadArgumentsAndUnreadableFilesAreLoggedAndRefused) {
   closelog();  // syslog's own connection is not the reader's to keep
 }
 
-// ------------------------------------------------------------ the tool
-
-// Installs a /usr/bin/factory that prints `output` and exits with `status`,
-// and records its arguments in /tmp/factory.args.
-void InstallTool(const std::string &output, int status = 0) {
+// Installs a /usr/bin/factory that prints `output` and records its arguments
+// in /tmp/factory.args. It exits with 1: the status is not looked at.
+void InstallTool(const std::string &output) {
   ASSERT_TRUE(WriteFile("/tmp/factory.out", output));
   unlink("/tmp/factory.args");
   ASSERT_TRUE(WriteFile("/usr/bin/factory",
-                                  "#!/bin/sh\n"
-                                  "printf '%s' \"$*\" > /tmp/factory.args\n"
-                                  "cat /tmp/factory.out\n"
-                                  "exit " + std::to_string(status) + "\n",
-                                  0755));
+                        "#!/bin/sh\nprintf '%s' \"$*\" > /tmp/factory.args\ncat /tmp/factory.out\nexit 1\n", 0755));
 }
 
-struct ToolCase {
-  const char *what;
-  std::string output;
-  int size;
-  int result;
-  std::optional<std::string> out;  // nullopt: the buffer is not written at all
-};
-
-const ToolCase kToolCases[] = {
-    {"value and LF", "sn=ABC\n", 64, 0, "ABC"},
+// What, the tool's output, size, result, text
+const std::tuple<const char *, std::string, int, int, std::string> kToolCases[] = {
     {"trailing blanks, tab, CR LF", "sn=ABC  \t\r\n", 64, 0, "ABC"},
     {"first = of the output, one line only", "junk\nsn=A=B\nnext=1\n", 64, 0, "A=B"},
     {"a single LF stays", "sn=\n", 64, 0, "\n"},
     {"trimmed down to index 1", "sn=  \n", 64, 0, " "},
-    {"= at the very end", "sn=", 64, -1, std::nullopt},
-    {"no =", "nothing to see\n", 64, -1, std::nullopt},
+    {"= at the very end", "sn=", 64, -1, kUntouched},
     {"size 1, no output", "", 1, 0, ""},
     {"size 5", "sn=ABCDEFGH\n", 5, 0, "ABCD"},
 };
@@ -165,15 +131,10 @@ class FactoryTest : public KvTest {
 };
 
 TEST_F(FactoryTest, OutputFormsAndEdges) {
-  for (const ToolCase &c : kToolCases) {
-    SCOPED_TRACE(c.what);
-    InstallTool(c.output);
+  for (const auto &[what, output, size, result, text] : kToolCases) {
+    InstallTool(output);
     Out out;
-    EXPECT_EQ(getFactoryValue("sn", out.bytes, c.size), c.result);
-    if (c.out)
-      EXPECT_EQ(out.text(), *c.out);
-    else
-      EXPECT_TRUE(out.untouched());
+    EXPECT_EQ(Written(getFactoryValue("sn", out.bytes, size), out), std::to_string(result) + " " + text) << what;
     EXPECT_EQ(ReadFile("/tmp/factory.args"), "show sn");
   }
 }
@@ -208,22 +169,19 @@ TEST_F(FactoryTest, LongKeyIsCutWithTheCommandAt255Bytes) {
   const std::string key(300, 'k');
   Out out;
   EXPECT_EQ(getFactoryValue(key.c_str(), out.bytes, 64), 0);
-  const size_t prefix = strlen("/usr/bin/factory show ");
-  EXPECT_EQ(ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - prefix));
+  EXPECT_EQ(ReadFile("/tmp/factory.args"), "show " + key.substr(0, 255 - strlen("/usr/bin/factory show ")));
 }
 
 TEST_F(FactoryTest, ProvinceCode) {
   InstallTool("provinceCode=31\n");
   Out out;
-  EXPECT_EQ(getTheProvinceCode(out.bytes, 64), 0);
-  EXPECT_EQ(out.text(), "31");
+  EXPECT_EQ(Written(getTheProvinceCode(out.bytes, 64), out), "0 31");
   EXPECT_EQ(ReadFile("/tmp/factory.args"), "show provinceCode");
 
   InstallTool("no value here\n");  // every failure leaves an empty string
   Out failed;
   EXPECT_EQ(getTheProvinceCode(failed.bytes, 64), -1);
   EXPECT_EQ(std::string(failed.bytes, 2), std::string("\0", 1) + kFill);
-
 }
 
 }  // namespace

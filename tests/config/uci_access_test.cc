@@ -2,129 +2,53 @@
 // package from /etc/config into its own context and works on its records.
 #include <routerkit/uci_access.h>
 
-#include <gtest/gtest.h>
-#include <uci.h>
-
 #include <climits>
-#include <cstring>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "uci_testutil.h"
 
 namespace rk::test {
 namespace {
 
-
 constexpr const char *kDevice =
-    "config device 'main'\n"
-    "\toption addr '1.2.3.4'\n"
-    "\toption short '42'\n"
-    "\toption enabled 'true'\n"
-    "\toption ID '4294967295'\n"
-    "\tlist dns '8.8.8.8'\n"
-    "\tlist dns '1.1.1.1'\n"
-    "\n"
-    "config device 'off'\n"
-    "\toption enabled 'false'\n"
-    "\n"
-    "config iface 'lan'\n"
-    "\toption proto 'static'\n";
+    "config device 'main'\n\toption addr '1.2.3.4'\n\toption short '42'\n\toption enabled 'true'\n"
+    "\toption ID '4294967295'\n\tlist dns '8.8.8.8'\n\tlist dns '1.1.1.1'\n"
+    "config device 'off'\n\toption enabled 'false'\n"
+    "config iface 'lan'\n\toption proto 'static'\n";
 
 class OpenPackage : public UciFiles {
  protected:
   void SetUp() override {
     UciFiles::SetUp();
-    if (HasFatalFailure()) return;
+    if (IsSkipped() || HasFatalFailure()) return;
     put("dev", kDevice);
     load("dev");
   }
-  void TearDown() override {
-    if (ctx_ != nullptr) uci_free_context(ctx_);
-  }
-  void load(const char *name) {
-    if (ctx_ != nullptr) uci_free_context(ctx_);
-    ctx_ = uci_alloc_context();
-    ASSERT_NE(ctx_, nullptr);
-    pkg_ = nullptr;
-    ASSERT_EQ(uci_load(ctx_, name, &pkg_), 0);
-    ASSERT_NE(pkg_, nullptr);
-  }
-  uci_section *section(const char *name) {
-    uci_section *s = uci_lookup_section(ctx_, pkg_, name);
-    EXPECT_NE(s, nullptr) << name;
-    return s;
-  }
-  // The option's text in this context, "<list>" or "<absent>".
-  std::string text(const char *sec, const char *option) {
-    uci_section *s = uci_lookup_section(ctx_, pkg_, sec);
-    uci_option *o = s ? uci_lookup_option(ctx_, s, option) : nullptr;
-    if (o == nullptr) return "<absent>";
-    return o->type == UCI_TYPE_STRING ? o->v.string : "<list>";
-  }
-  std::vector<std::string> list(const char *sec, const char *option) {
-    std::vector<std::string> items;
-    uci_section *s = uci_lookup_section(ctx_, pkg_, sec);
-    uci_option *o = s ? uci_lookup_option(ctx_, s, option) : nullptr;
-    if (o == nullptr || o->type != UCI_TYPE_LIST) return items;
-    uci_element *e;
-    uci_foreach_element(&o->v.list, e) items.push_back(e->name);
-    return items;
-  }
-
-  uci_context *ctx_ = nullptr;
-  uci_package *pkg_ = nullptr;
 };
 
-// ---- string contract ------------------------------------------------------
-
 TEST_F(OpenPackage, StringCopyLeavesTheLastByteToTheCaller) {
-  uci_section *s = section("main");
-  char buf[8];
-
-  // A text that fills the count: three bytes, no terminator, byte 3 untouched.
-  memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(uciGetString(ctx_, s, "addr", buf, 4), 0);
-  EXPECT_EQ(std::string(buf, 4), "1.2X");
-
-  // A shorter text is padded with zeros up to size - 1; the 8th byte is left.
-  memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 8), 0);
-  EXPECT_EQ(std::string(buf, 8), std::string("42\0\0\0\0\0X", 8));
-
-  // size 1 writes nothing and still succeeds; size 0 or below is refused.
-  memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 1), 0);
-  EXPECT_EQ(uciGetString(ctx_, s, "short", buf, 0), -1);
-  EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
-}
-
-// ---- numeric and boolean readers -------------------------------------------
-
-// "<result> <value>" of one read with `out` preset to 0xA5 in every byte; the
-// value "kept" when the reader did not write it.
-template <typename T, typename Call>
-std::string Outcome(Call call) {
-  T preset, v;
-  memset(&preset, 0xA5, sizeof preset);
-  v = preset;
-  const int rc = call(&v);
-  return std::to_string(rc) + " " + (v == preset ? "kept" : std::to_string(+v));
+  // strncpy of size - 1: a text that fills the count gets no terminator, a
+  // shorter one zeros up to the count; size 1 writes nothing, 0 is refused.
+  const std::tuple<const char *, int, std::string> rows[] = {
+      {"addr", 4, "0 1.2XXXXX"}, {"short", 8, std::string("0 42\0\0\0\0\0X", 10)},
+      {"short", 1, "0 XXXXXXXX"}, {"short", 0, "-1 XXXXXXXX"}};
+  for (const auto &[option, size, want] : rows) {
+    char buf[8];
+    memset(buf, 'X', sizeof buf);
+    const int rc = uciGetString(ctx_, section("main"), option, buf, size);
+    EXPECT_EQ(std::to_string(rc) + " " + std::string(buf, sizeof buf), want) << option << " " << size;
+  }
 }
 
 TEST_F(OpenPackage, TypedReadersConvertLikeSscanf) {
-  const struct {
-    const char *text;  // nullptr: option missing; "<list>": a list option
-    const char *u8, *u32, *i32, *boolean, *section_value;
-  } rows[] = {
+  // The text nullptr: option missing; "<list>": a list option.
+  const struct { const char *text, *u8, *u32, *i32, *boolean, *section_value; } rows[] = {
       // The byte gets the low 8 bits of the number, stored signed from 128 up.
       {"300", "0 44", "0 300", "0 300", "0 kept", "0 300"},
       {"-56", "0 200", "0 4294967240", "0 -56", "0 kept", "0 -56"},
       {"12abc", "0 12", "0 12", "0 12", "0 kept", "0 12"},
-      // No number: -1, except the section-name reader, which still says 0.
-      {"abc", "-1 kept", "-1 kept", "-1 kept", "0 kept", "0 kept"},
-      // Booleans: only "true" and "1" write, and they write 1.
+      // Booleans: only "true" and "1" write, and they write 1. No number: -1,
+      // except the section-name reader, which still says 0.
       {"true", "-1 kept", "-1 kept", "-1 kept", "0 1", "0 kept"},
       {"1", "0 1", "0 1", "0 1", "0 1", "0 1"},
       {"false", "-1 kept", "-1 kept", "-1 kept", "0 kept", "0 kept"},
@@ -144,15 +68,13 @@ TEST_F(OpenPackage, TypedReadersConvertLikeSscanf) {
   for (size_t i = 0; i < std::size(rows); ++i) {
     const std::string name = "v" + std::to_string(i);
     const char *o = name.c_str();
-    const std::string got[] = {
-        Outcome<uint8_t>([&](uint8_t *v) { return uciGetUint8(ctx_, s, o, v); }),
-        Outcome<uint32_t>([&](uint32_t *v) { return uciGetUint32(ctx_, s, o, v); }),
-        Outcome<int>([&](int *v) { return uciGetInt32(ctx_, s, o, v); }),
-        Outcome<uint8_t>([&](uint8_t *v) { return uciGetBoolean(ctx_, s, o, v); }),
-        Outcome<int>([&](int *v) { return uciGetSectionOptionValue(ctx_, pkg_, "v", o, v); })};
     const auto &r = rows[i];
-    EXPECT_EQ(std::vector<std::string>(std::begin(got), std::end(got)),
-              (std::vector<std::string>{r.u8, r.u32, r.i32, r.boolean, r.section_value}))
+    EXPECT_EQ(Outcome<uint8_t>([&](uint8_t *v) { return uciGetUint8(ctx_, s, o, v); }) + "|" +
+                  Outcome<uint32_t>([&](uint32_t *v) { return uciGetUint32(ctx_, s, o, v); }) + "|" +
+                  Outcome<int>([&](int *v) { return uciGetInt32(ctx_, s, o, v); }) + "|" +
+                  Outcome<uint8_t>([&](uint8_t *v) { return uciGetBoolean(ctx_, s, o, v); }) + "|" +
+                  Outcome<int>([&](int *v) { return uciGetSectionOptionValue(ctx_, pkg_, "v", o, v); }),
+              std::string(r.u8) + "|" + r.u32 + "|" + r.i32 + "|" + r.boolean + "|" + r.section_value)
         << (r.text ? r.text : "(missing)");
   }
 }
@@ -169,13 +91,10 @@ TEST_F(OpenPackage, EnabledAndIdAreFixedOptionNames) {
   EXPECT_EQ(id("main") + "|" + id("lan"), "0 4294967295|-1 kept");
 }
 
-// ---- setters -------------------------------------------------------------
-
 TEST_F(OpenPackage, SettersStoreTheDocumentedText) {
   uci_section *s = section("lan");
   const std::tuple<const char *, int, const char *> rows[] = {
       {"u8_200", uciSetUint8(ctx_, pkg_, s, "u8_200", 200), "-56"},
-      {"u8_7", uciSetUint8(ctx_, pkg_, s, "u8_7", 7), "7"},
       {"u32", uciSetUint32(ctx_, pkg_, s, "u32", 4294967295u), "4294967295"},
       {"i32min", uciSetInt32(ctx_, pkg_, s, "i32min", INT_MIN), "-2147483648"},
       {"b256", uciSetBoolean(ctx_, pkg_, s, "b256", 256), "true"},  // every bit of the int counts
@@ -188,48 +107,36 @@ TEST_F(OpenPackage, SettersStoreTheDocumentedText) {
     EXPECT_EQ(std::to_string(rc) + " " + text("lan", option), std::string("0 ") + stored_text) << option;
 }
 
-// ---- rollback --------------------------------------------------------------
-
 TEST_F(OpenPackage, RollbackRevertsTheSectionAndHandsBackThePackage) {
   ASSERT_EQ(uciSetString(ctx_, pkg_, section("lan"), "proto", "pppoe"), 0);
   ASSERT_EQ(uciSetString(ctx_, pkg_, section("main"), "short", "43"), 0);
-
   uci_package *ref = pkg_;
   ASSERT_EQ(uciRollback(ctx_, &ref, section("lan")), 0);
   ASSERT_NE(ref, nullptr);
   pkg_ = ref;  // the old records are gone; go on with the one handed back
-  EXPECT_EQ(text("lan", "proto"), "static");
-  // Only the section named was reverted.
-  EXPECT_EQ(text("main", "short"), "43");
-  EXPECT_EQ(stored("dev", "lan", "proto"), "static");
+  // Only the section named was reverted; nothing was saved.
+  EXPECT_EQ(text("lan", "proto") + " " + text("main", "short") + " " + stored("dev", "lan", "proto"),
+            "static 43 static");
 }
 
-// ---- lists and section deletion by name -----------------------------------
-
-TEST_F(OpenPackage, ListEditsHandOnLibuciResults) {
+TEST_F(OpenPackage, ListsAndSectionsByName) {
   EXPECT_EQ(publicUciAddList(ctx_, "dev", "main", "dns", "9.9.9.9"), 0);
-  EXPECT_EQ(list("main", "dns"), (std::vector<std::string>{"8.8.8.8", "1.1.1.1", "9.9.9.9"}));
+  EXPECT_EQ(text("main", "dns"), "[8.8.8.8 1.1.1.1 9.9.9.9]");
   EXPECT_EQ(publicUciDelList(ctx_, "dev", "main", "dns", "8.8.8.8"), 0);
-  EXPECT_EQ(list("main", "dns"), (std::vector<std::string>{"1.1.1.1", "9.9.9.9"}));
-  // A new list option is made on the first add.
-  EXPECT_EQ(publicUciAddList(ctx_, "dev", "lan", "ntp", "pool"), 0);
-  EXPECT_EQ(list("lan", "ntp"), (std::vector<std::string>{"pool"}));
-
+  EXPECT_EQ(text("main", "dns"), "[1.1.1.1 9.9.9.9]");
+  EXPECT_EQ(publicUciAddList(ctx_, "dev", "lan", "ntp", "pool"), 0);  // made on the first add
+  EXPECT_EQ(text("lan", "ntp"), "[pool]");
   // libuci's own error numbers come back unchanged: positive, not -1.
   EXPECT_EQ(publicUciAddList(ctx_, "dev", "nowhere", "dns", "x"), UCI_ERR_INVAL);
   EXPECT_EQ(publicUciDelList(ctx_, "dev", "nowhere", "dns", "x"), UCI_ERR_INVAL);
   EXPECT_EQ(publicUciAddList(ctx_, "nopkg", "main", "dns", "x"), UCI_ERR_NOTFOUND);
-}
 
-TEST_F(OpenPackage, WriteBySectionNameAndDeleteASection) {
   EXPECT_EQ(setString(ctx_, pkg_, "lan", "proto", "pppoe"), 0);
   EXPECT_EQ(text("lan", "proto"), "pppoe");
   EXPECT_EQ(publicUciDelSection(ctx_, pkg_, "dev", "off"), 0);
   EXPECT_EQ(uci_lookup_section(ctx_, pkg_, "off"), nullptr);
   EXPECT_EQ(text("main", "addr"), "1.2.3.4");
 }
-
-// ---- section-name family ---------------------------------------------------
 
 TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
   char buf[8];
@@ -247,7 +154,6 @@ TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
 
   int v = 5;
   EXPECT_EQ(uciGetSectionOptionValue(ctx_, pkg_, "main", "short", &v), 0);
-  EXPECT_EQ(v, 42);
   EXPECT_EQ(uciGetSectionOptionValue(ctx_, pkg_, "nowhere", "short", &v), 3);
   EXPECT_EQ(v, 42);
 }

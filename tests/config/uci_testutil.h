@@ -10,48 +10,82 @@
 
 #include "rk_test.h"
 
+#include <cstring>
 #include <filesystem>
-#include <string>
 
 namespace rk::test {
 
 constexpr const char *kConfDir = "/etc/config";
 constexpr const char *kSaveDir = "/tmp/.uci";
 
-inline std::string conf_path(const std::string &package) {
-  return std::string(kConfDir) + "/" + package;
+inline std::string conf_path(const std::string &package) { return std::string(kConfDir) + "/" + package; }
+
+// The option's text in `ctx`, a list's items as "[a b]", or "<absent>".
+inline std::string optionText(uci_context *ctx, uci_package *p, const char *section, const char *option) {
+  uci_section *s = uci_lookup_section(ctx, p, section);
+  uci_option *o = s ? uci_lookup_option(ctx, s, option) : nullptr;
+  if (o == nullptr) return "<absent>";
+  if (o->type == UCI_TYPE_STRING) return o->v.string;
+  std::string items;
+  uci_element *e;
+  uci_foreach_element(&o->v.list, e) items += (items.empty() ? "" : " ") + std::string(e->name);
+  return "[" + items + "]";
 }
 
-// Empty /etc/config and no saved changes, as on a freshly booted device.
+// What a fresh context sees of one option.
+inline std::string stored(const char *package, const char *section, const char *option) {
+  uci_context *ctx = uci_alloc_context();
+  uci_package *p = nullptr;
+  std::string out = uci_load(ctx, package, &p) == 0 && p ? optionText(ctx, p, section, option) : "<no package>";
+  uci_free_context(ctx);
+  return out;
+}
+
+// "<result> <value>" of one read into `out` preset to 0xA5 in every byte;
+// the value "kept" when the reader did not write it.
+template <typename T, typename Call>
+std::string Outcome(Call call) {
+  T preset, v;
+  memset(&preset, 0xA5, sizeof preset);
+  v = preset;
+  const int rc = call(&v);
+  return std::to_string(rc) + " " + (v == preset ? "kept" : std::to_string(+v));
+}
+
+// Empty /etc/config and no saved changes, as on a freshly booted device;
+// load() opens a package in a context of the test's own.
 class UciFiles : public ::testing::Test {
  protected:
   void SetUp() override {
     RK_REQUIRE_NAMESPACE();
     std::filesystem::remove_all(kSaveDir);
+    clearConfig();
+  }
+  void TearDown() override {
+    if (ctx_ != nullptr) uci_free_context(ctx_);
+  }
+  static void clearConfig() {
     std::filesystem::remove_all(kConfDir);
     std::filesystem::create_directories(kConfDir);
   }
-  void put(const std::string &package, const std::string &text) {
-    ASSERT_TRUE(WriteFile(conf_path(package), text));
+  void put(const std::string &package, const std::string &text) { ASSERT_TRUE(WriteFile(conf_path(package), text)); }
+  void load(const char *name) {
+    if (ctx_ != nullptr) uci_free_context(ctx_);
+    ctx_ = uci_alloc_context();
+    pkg_ = nullptr;
+    ASSERT_EQ(uci_load(ctx_, name, &pkg_), 0);
+    ASSERT_NE(pkg_, nullptr);
   }
-};
+  uci_section *section(const char *name) {
+    uci_section *s = uci_lookup_section(ctx_, pkg_, name);
+    EXPECT_NE(s, nullptr) << name;
+    return s;
+  }
+  std::string text(const char *sec, const char *option) { return optionText(ctx_, pkg_, sec, option); }
 
-// What a fresh context sees of one option: its text, "<list>" or "<absent>".
-inline std::string stored(const char *package, const char *section, const char *option) {
-  uci_context *ctx = uci_alloc_context();
-  if (ctx == nullptr) return "<no context>";
-  std::string out = "<absent>";
-  uci_package *p = nullptr;
-  if (uci_load(ctx, package, &p) == 0 && p != nullptr) {
-    uci_section *s = uci_lookup_section(ctx, p, section);
-    uci_option *o = s ? uci_lookup_option(ctx, s, option) : nullptr;
-    if (o != nullptr) out = o->type == UCI_TYPE_STRING ? std::string(o->v.string) : "<list>";
-  } else {
-    out = "<no package>";
-  }
-  uci_free_context(ctx);
-  return out;
-}
+  uci_context *ctx_ = nullptr;
+  uci_package *pkg_ = nullptr;
+};
 
 // Makes a directory read-only for the life of the object: a bind mount of
 // it onto itself, remounted read-only (as root, permissions wouldn't stop a

@@ -6,9 +6,7 @@
 #include <sys/mount.h>
 #include <time.h>
 
-#include <cstdint>
 #include <tuple>
-#include <string>
 
 #include "diag/clock.h"
 #include "rk_test.h"
@@ -17,10 +15,9 @@ namespace rk::test {
 namespace {
 
 TEST(Tick, MillisecondsOfAClockReading) {
+  // The last is above 32 bits and kept whole.
   const std::tuple<time_t, long, uint64_t> cases[] = {
-      {2, 999999999, 2999}, {0, 1000000, 1}, {0, 999999, 0},
-      {4294967, 296000000, 4294967296ull},  // above 32 bits, kept whole
-  };
+      {2, 999999999, 2999}, {0, 1000000, 1}, {0, 999999, 0}, {4294967, 296000000, 4294967296ull}};
   for (const auto &[sec, nsec, ticks] : cases) {
     timespec ts{};
     ts.tv_sec = sec;
@@ -34,8 +31,7 @@ TEST(ExecutablePath, SplitsTheRunningProgramsPathIntoCallerSizedBuffers) {
   const size_t slash = own.rfind('/');
   const std::string base = own.substr(slash + 1);
   ASSERT_GE(base.size(), 4u);
-  char dir[256] = {0};
-  char name[96];
+  char dir[256] = {0}, name[96];
   // Short: zeros up to the size, nothing behind it.
   memset(name, '#', sizeof name);
   EXPECT_EQ(get_executable_path(dir, sizeof dir - 1, name, 80), static_cast<int64_t>(slash + 1));
@@ -51,8 +47,7 @@ TEST(ExecutablePath, NoProcGivesMinusOne) {
   RK_SKIP_UNDER_EMULATION("the emulator answers /proc/self/exe itself");
   RK_REQUIRE_NAMESPACE();
   ASSERT_EQ(mount("rk-noproc", "/proc", "tmpfs", 0, nullptr), 0) << strerror(errno);
-  char dir[256] = {0};
-  char name[64] = "untouched";
+  char dir[256] = {0}, name[64] = "untouched";
   const int64_t result = get_executable_path(dir, sizeof dir - 1, name, sizeof name - 1);
   ASSERT_EQ(umount("/proc"), 0);
   EXPECT_EQ(result, -1);

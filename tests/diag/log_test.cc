@@ -4,82 +4,54 @@
 // logging state, in its own process and private namespaces.
 #include <routerkit/log.h>
 
-#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 
-#include <cstdint>
 #include <regex>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "rk_test.h"
 
 namespace rk::test {
 namespace {
 
-
-using LevelFn = int (*)(const char *, ...);
-
-struct Leveled {
-  const char *name;
-  LevelFn fn;
-  uint32_t threshold;  // emits when the stored level is above this
-  int severity;        // the priority it is sent at
-};
-
-const Leveled kLeveled[] = {
+// Name, function, the level it needs to be above to emit, the priority sent at.
+const struct { const char *name; int (*fn)(const char *, ...); uint32_t threshold; int severity; } kLeveled[] = {
     {"log_debug", log_debug, 5, LOG_DEBUG}, {"log_trace", log_trace, 4, LOG_NOTICE},
     {"log_info", log_info, 3, LOG_INFO},    {"log_warn", log_warn, 2, LOG_WARNING},
     {"log_error", log_error, 1, LOG_ERR},   {"log_fatal", log_fatal, 0, LOG_EMERG},
 };
 
-// Logging keeps process-wide state that cannot be reset, so each case must be
-// the first in its process (ctest runs every case alone).
-bool ClaimFreshProcess() {
-  static bool claimed = false;
-  return !std::exchange(claimed, true);
-}
-
-// The base name of the running test program, as the library cuts it.
-std::string OwnName() {
-  const std::string own = OwnPath();
-  return own.substr(own.rfind('/') + 1).substr(0, 63);
-}
-
 class LogTest : public ::testing::Test {
  protected:
   void SetUp() override {
     RK_REQUIRE_NAMESPACE();
-    if (!ClaimFreshProcess()) GTEST_SKIP() << "needs fresh logging state: run one case per process";
+    // Logging keeps process-wide state that cannot be reset, so each case
+    // must be the first in its process (ctest runs every case alone).
+    static bool claimed = false;
+    if (std::exchange(claimed, true)) GTEST_SKIP() << "needs fresh logging state: run one case per process";
     ASSERT_TRUE(sink_.ok()) << strerror(errno);
-    name_ = OwnName();
+    const std::string own = OwnPath();
+    name_ = own.substr(own.rfind('/') + 1).substr(0, 63);  // as the library cuts it
     ASSERT_FALSE(name_.empty());
   }
-
   std::string DebugFile() const { return "/etc/" + name_ + ".debug"; }
   std::string OwnLogFile() const { return "/tmp/log/" + name_ + ".log"; }
   std::string Pid() const { return std::to_string(getpid()); }
   // What LOG_PERROR puts on standard error for one message.
-  std::string StderrCopy(const std::string &text) const {
-    return name_ + "[" + Pid() + "]: " + text + "\n";
-  }
-
-  // Everything syslog received since the last look.
+  std::string StderrCopy(const std::string &text) const { return name_ + "[" + Pid() + "]: " + text + "\n"; }
   std::vector<LogLine> Received() { return sink_.Take(); }
-
   // Expects exactly one message since the last look, from this process's own
   // syslog set-up (facility LOCAL0, ident = the executable's name).
-  void ExpectOne(int severity, const std::string &text, const std::string &ident) {
+  void ExpectOne(int severity, const std::string &text, std::string ident = "") {
+    if (ident.empty()) ident = name_;
     std::vector<std::string> got;
     for (const LogLine &l : Received())
       got.push_back(std::to_string(l.facility) + "." + std::to_string(l.severity) + " " + l.ident + ": " + l.text);
     EXPECT_EQ(got, std::vector<std::string>{std::to_string(LOG_LOCAL0 >> 3) + "." + std::to_string(severity) + " " +
                                             ident + ": " + text});
   }
-  void ExpectOne(int severity, const std::string &text) { ExpectOne(severity, text, name_); }
 
   SyslogCapture sink_;
   std::string name_;
@@ -91,12 +63,9 @@ TEST_F(LogTest, QuietCallsAtTheInitialLevelSetNothingUp) {
   ASSERT_TRUE(WriteFile(DebugFile(), ""));
   EXPECT_EQ(log_debug("debug %d", 1), 0);
   EXPECT_EQ(log_trace("trace %d", 2), 0);
-
   EXPECT_TRUE(Received().empty());
   EXPECT_FALSE(FileExists("/tmp/log"));
-  EXPECT_EQ(std::to_string(log_isLevelEnabled(4)) + std::to_string(log_isLevelEnabled(5)) +
-                std::to_string(log_isLevelEnabled(6)),
-            "100");
+  EXPECT_EQ(log_isLevelEnabled(4) * 100 + log_isLevelEnabled(5) * 10 + log_isLevelEnabled(6), 100);
 }
 
 TEST_F(LogTest, FirstPassingCallSetsUpSyslogAndTheLogDirectory) {
@@ -104,36 +73,30 @@ TEST_F(LogTest, FirstPassingCallSetsUpSyslogAndTheLogDirectory) {
   EXPECT_EQ(log_info("hello %s %d", "world", 1), 0);
   ExpectOne(LOG_INFO, "hello world 1");
   EXPECT_EQ(err.Stop(), "");  // no copy on stderr at the initial level
-
   struct stat st;
   ASSERT_EQ(stat("/tmp/log", &st), 0);
   EXPECT_EQ(st.st_mode, S_IFDIR | 0755u);
-  // The file itself waits for the first file message.
-  EXPECT_FALSE(FileExists(OwnLogFile()));
+  EXPECT_FALSE(FileExists(OwnLogFile()));  // the file waits for the first file message
 }
 
 TEST_F(LogTest, DebugFileRaisesTheLevelAtSetUpAndCopiesToStderr) {
   ASSERT_TRUE(WriteFile(DebugFile(), "content is never read"));
   StderrCapture err;
-
   log_debug("first");  // tested against the level before set-up: dropped
   EXPECT_TRUE(Received().empty());
   EXPECT_EQ(log_isLevelEnabled(6), 0);
-
   log_info("second");
   ExpectOne(LOG_INFO, "second");
   EXPECT_EQ(log_isLevelEnabled(6), 1);
-
   log_debug("third");
   ExpectOne(LOG_DEBUG, "third");
   EXPECT_EQ(err.Stop(), StderrCopy("second") + StderrCopy("third"));
 }
 
 TEST_F(LogTest, StoredLevelDecidesWhoEmits) {
-  const uint32_t levels[] = {0, 1, 2, 3, 4, 5, 6, 7, 100, UINT32_MAX};
-  for (uint32_t level : levels) {
+  for (uint32_t level : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 100u, UINT32_MAX}) {
     ASSERT_EQ(log_setLevel(level), 0);
-    for (const Leveled &l : kLeveled) {
+    for (const auto &l : kLeveled) {
       SCOPED_TRACE(std::string(l.name) + " at level " + std::to_string(level));
       EXPECT_EQ(l.fn("%s says %d", l.name, 42), 0);  // log_fatal returns, too
       const std::vector<LogLine> got = Received();
@@ -150,7 +113,6 @@ TEST_F(LogTest, StoredLevelDecidesWhoEmits) {
 TEST_F(LogTest, ANewNameChangesTheIdentOnlyAndAnEmptyOneStartsOver) {
   log_info("first");
   ExpectOne(LOG_INFO, "first");
-
   // At most 63 bytes are stored, null is refused; the file keeps the old name.
   const std::string cut(63, 'n');
   ASSERT_EQ(log_setName(std::string(70, 'n').c_str()), 0);
@@ -160,7 +122,6 @@ TEST_F(LogTest, ANewNameChangesTheIdentOnlyAndAnEmptyOneStartsOver) {
   log_printf_to_flash("to the old file\n");
   EXPECT_NE(ReadFile(OwnLogFile()).find("to the old file\n"), std::string::npos);
   EXPECT_FALSE(FileExists("/tmp/log/" + cut + ".log"));
-
   // An empty name means "not set up": the next call takes the executable's
   // name again and remakes the directory.
   ASSERT_EQ(unlink(OwnLogFile().c_str()), 0);
@@ -170,8 +131,7 @@ TEST_F(LogTest, ANewNameChangesTheIdentOnlyAndAnEmptyOneStartsOver) {
   ExpectOne(LOG_INFO, "third");
   EXPECT_TRUE(FileExists("/tmp/log"));
   log_printf_to_flash("after %s\n", "restart");
-  EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()),
-                               std::regex(std::string(kLogStamp) + Pid() + " after restart\n")));
+  EXPECT_TRUE(std::regex_match(ReadFile(OwnLogFile()), std::regex(kLogStamp + Pid() + " after restart\n")));
 }
 
 TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
@@ -183,11 +143,10 @@ TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
     log_printf_to_flash("worker %s\n", "two");
   });
   worker.join();
-
-  const std::string expected = std::string(kLogStamp) + Pid() + " main 1\n" + kLogStamp + Pid() + "\\(" +
-                               std::to_string(worker_tid) + "\\) worker two\n";
   const std::string content = ReadFile(OwnLogFile());
-  EXPECT_TRUE(std::regex_match(content, std::regex(expected))) << content;
+  EXPECT_TRUE(std::regex_match(content, std::regex(kLogStamp + Pid() + " main 1\n" + kLogStamp + Pid() + "\\(" +
+                                                   std::to_string(worker_tid) + "\\) worker two\n")))
+      << content;
   struct stat st;
   ASSERT_EQ(stat(OwnLogFile().c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0644u);

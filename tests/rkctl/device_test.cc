@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include <json-c/json_pointer.h>
 
@@ -17,10 +15,7 @@
 namespace rk::test {
 namespace {
 
-class Device : public ::testing::Test {
- protected:
-  void SetUp() override { RK_REQUIRE_NAMESPACE(); }
-};
+using Device = InNamespace;
 
 // A JSON document's member at a dotted path, as text ("" when absent).
 std::string At(const std::string &json, std::string path) {
@@ -40,9 +35,7 @@ TEST_F(Device, IdentityWithSourcesAndFallbacks) {
   ASSERT_TRUE(WriteFile("/etc/config/system", "config system\n\toption country 'DE'\n\toption deviceType 'uci-type'\n"));
   Result r = Start({"--json", "identity"});
   ASSERT_EQ(r.rc, 0) << r.err;
-  const struct {
-    const char *key, *value, *source, *fallback;
-  } rows[] = {
+  const struct { const char *key, *value, *source, *fallback; } rows[] = {
       {"software_version", "1.2.3", "/etc/version", "false"},
       {"serial_number", "SN0042", "/etc/factory.dat", "false"},
       {"device_type", "uci-type", "uci system.@system.deviceType", "false"},
@@ -50,7 +43,7 @@ TEST_F(Device, IdentityWithSourcesAndFallbacks) {
       {"default_lan_ip", "10.0.0.1", "/etc/factory.dat (inner device type)", "false"},
   };
   for (const auto &row : rows) {
-    std::string k = row.key;
+    const std::string k = row.key;
     EXPECT_EQ(At(r.out, k + ".value") + "|" + At(r.out, k + ".source") + "|" + At(r.out, k + ".fallback"),
               std::string(row.value) + "|" + row.source + "|" + row.fallback);
   }
@@ -107,10 +100,9 @@ std::string IputilsFigures(const std::string &host) {
   TempDir dir;
   Sh("ping -n -q -c 3 -i 0.2 -W 1 " + host + " > " + (dir / "out") + " 2>&1");
   std::smatch m;
-  std::string out = ReadFile(dir / "out");
+  const std::string out = ReadFile(dir / "out");
   return std::regex_search(out, m, std::regex("[0-9]+ packets transmitted, [0-9]+ received, [0-9.]+% packet loss"))
-             ? m.str()
-             : out;
+             ? m.str() : out;
 }
 
 TEST_F(Device, PingAgainstIputils) {
@@ -124,21 +116,17 @@ TEST_F(Device, PingAgainstIputils) {
   Result r = Start(args);
   EXPECT_EQ(r.rc, 1) << r.err;  // one host without a reply
   for (size_t i = 0; i < hosts.size(); i++) {
-    std::string at = std::to_string(i) + ".";
+    const std::string at = std::to_string(i) + ".";
     char loss[32];
     snprintf(loss, sizeof loss, "%g", atof(At(r.out, at + "loss").c_str()));
     EXPECT_EQ(At(r.out, at + "transmitted") + " packets transmitted, " + At(r.out, at + "received") + " received, " +
-                  loss + "% packet loss",
-              IputilsFigures(hosts[i]))
-        << hosts[i];
+                  loss + "% packet loss", IputilsFigures(hosts[i])) << hosts[i];
   }
   r = Start({"ping", "-c", "2", "-i", "0.1", "127.0.0.1"});
   EXPECT_EQ(r.rc, 0);
   EXPECT_TRUE(std::regex_search(r.out, std::regex("^reply from 127.0.0.1: time=[0-9]+ ms\n"))) << r.out;
   EXPECT_NE(r.out.find("--- 127.0.0.1 ping statistics ---\n2 packets transmitted, 2 received, 0% packet loss\n"
-                       "rtt min/avg/max/mdev = "),
-            std::string::npos)
-      << r.out;
+                       "rtt min/avg/max/mdev = "), std::string::npos) << r.out;
   Check({{{"ping"}, 2, "", "no host given"}, {{"ping", "-c", "0", "::1"}, 2, "", "-c takes a count"}});
 }
 
@@ -154,8 +142,7 @@ TEST_F(Device, StatusWithAndWithoutDns) {
 
   Dnsmasq server({"--host-record=a.test.lan,192.0.2.1"});
   ASSERT_TRUE(WriteFile("/etc/resolv.conf", "nameserver 127.0.0.1\n"));
-  for (int i = 0; i < 50 && Start({"resolve", "a.test.lan", "--timeout", "200"}).rc != 0; i++) {
-  }
+  for (int i = 0; i < 50 && Start({"resolve", "a.test.lan", "--timeout", "200"}).rc != 0; i++) continue;
   r = Start({"status", "--name", "a.test.lan"});
   EXPECT_EQ(r.rc, 0);
   EXPECT_TRUE(std::regex_search(r.out, std::regex("\n  ok    resolve a.test.lan +192.0.2.1\n"))) << r.out;

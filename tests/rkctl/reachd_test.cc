@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "rkctl_run.h"
 
@@ -15,8 +13,8 @@ namespace {
 TEST(Reachd, OneRound) {
   RK_REQUIRE_NAMESPACE();
   Dnsmasq server({"--host-record=self.test.lan,127.0.0.1"});
-  for (int i = 0; i < 50 && Start({"resolve", "self.test.lan", "--server", "127.0.0.1", "--timeout", "200"}).rc; i++) {
-  }
+  for (int i = 0; i < 50 && Start({"resolve", "self.test.lan", "--server", "127.0.0.1", "--timeout", "200"}).rc; i++)
+    continue;
   mkdir("/etc/config", 0755);
   ASSERT_TRUE(WriteFile("/etc/config/reachd",
                         "config reachd 'main'\n\toption count '2'\n\toption interval '100'\n\toption timeout '500'\n"
@@ -44,8 +42,7 @@ end
   const std::string round = ReadFile("/tmp/round");
   std::smatch m;
   ASSERT_TRUE(std::regex_match(round, m, std::regex("self 127\\.0\\.0\\.1 2/2 ([0-9]+)\n::1 ::1 2/2 ([0-9]+)\n"
-                                                    "gone nil 0/0 nil\n")))
-      << round;
+                                                    "gone nil 0/0 nil\n"))) << round;
   const std::string self = m[1], loop6 = m[2];
   EXPECT_LT(std::stoi(self) + std::stoi(loop6), 1000);  // both answered within the 500 ms timeout
   EXPECT_EQ(ReadFile("/var/run/internet.state"), "::1 " + loop6 + "\nself " + self + "\n");

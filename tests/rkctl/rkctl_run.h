@@ -4,13 +4,9 @@
 #pragma once
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <string>
-#include <vector>
 
 #include <json-c/json.h>
 
@@ -18,18 +14,13 @@
 
 namespace rk::test {
 
-struct Result {
-  int rc = -1;
-  std::string out, err;
-};
+struct Result { int rc = -1; std::string out, err; };
 
 // PROGRAM ARGS..., under the target's emulator in a cross build.
-inline Result RunProgram(const std::string &program, const std::vector<std::string> &args) {
+inline Result RunProgram(const std::string &program, std::vector<std::string> words) {
   TempDir dir;
-  std::vector<std::string> words;
-  if (const char *emulator = getenv("RK_EMULATED")) words.push_back(emulator);
-  words.push_back(program);
-  words.insert(words.end(), args.begin(), args.end());
+  words.insert(words.begin(), program);
+  if (const char *emulator = getenv("RK_EMULATED")) words.insert(words.begin(), emulator);
   std::vector<char *> argv;
   for (auto &w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
@@ -50,12 +41,15 @@ inline Result RunProgram(const std::string &program, const std::vector<std::stri
 
 inline Result Start(const std::vector<std::string> &args) { return RunProgram(RKCTL, args); }
 
-struct Row {
-  std::vector<std::string> args;
-  int rc;
-  std::string out;  // exact; compared as JSON when the row has --json
-  std::string err;  // a piece of standard error ("" for none at all)
+// The cases write the fixed paths, so they run only in the namespace harness.
+class InNamespace : public ::testing::Test {
+ protected:
+  void SetUp() override { RK_REQUIRE_NAMESPACE(); }
 };
+
+// `out` is exact (compared as JSON when the row has --json); `err` is a piece
+// of standard error ("" for none at all).
+struct Row { std::vector<std::string> args; int rc; std::string out, err; };
 
 inline void Check(const std::vector<Row> &rows) {
   for (const Row &row : rows) {
@@ -72,13 +66,8 @@ inline void Check(const std::vector<Row> &rows) {
     } else {
       EXPECT_EQ(r.out, row.out);
     }
-    if (row.err.empty())
-      EXPECT_EQ(r.err, "");
-    else
-      EXPECT_NE(r.err.find(row.err), std::string::npos) << r.err;
+    EXPECT_TRUE(row.err.empty() ? r.err.empty() : r.err.find(row.err) != std::string::npos) << r.err;
   }
 }
-
-// Debian's dnsmasq on port 53 of 127.0.0.1 and ::1.
 
 }  // namespace rk::test

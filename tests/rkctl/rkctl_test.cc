@@ -3,23 +3,16 @@
 // a piece of standard error.
 #include <sys/stat.h>
 
-#include <string>
-#include <vector>
-
 #include "rkctl_run.h"
 
 namespace rk::test {
 namespace {
 
-class Rkctl : public ::testing::Test {
- protected:
-  void SetUp() override { RK_REQUIRE_NAMESPACE(); }
-};
+using Rkctl = InNamespace;
 
 TEST_F(Rkctl, UsageErrorsAndHelp) {
-  const char *usage = "usage: rkctl";
   Check({
-      {{}, 2, "", usage},
+      {{}, 2, "", "usage: rkctl"},
       {{"frobnicate"}, 2, "", "unknown command 'frobnicate'"},
       {{"resolve"}, 2, "", "no name given"},
       {{"resolve", "--ptr", "::1"}, 2, "", "--ptr takes an IPv4 address"},
@@ -86,7 +79,7 @@ TEST_F(Rkctl, LogToSyslogAndFile) {
   std::vector<std::string> got;
   for (const LogLine &l : log.Take()) got.push_back(l.ident + " " + std::to_string(l.severity) + " " + l.text);
   EXPECT_EQ(got, (std::vector<std::string>{"rkctl 7 two words", "rkctl 3 it broke"}));
-  std::string file = ReadFile("/tmp/rk.log");
+  const std::string file = ReadFile("/tmp/rk.log");
   EXPECT_TRUE(file.size() > 11 && file.compare(file.size() - 11, 11, " to a file\n") == 0) << file;
 }
 

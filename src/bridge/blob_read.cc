@@ -11,6 +11,7 @@
 #include <json-c/json.h>
 
 #include "bridge/bridge.h"
+#include "bridge/work_stack.h"
 #include "common/deps.h"
 
 namespace rk::bridge {
@@ -28,7 +29,7 @@ constexpr int kTypeShift = 24;
 constexpr uint32_t kTypeMask = 0x7f;
 
 // The level of the attributes a reader is handed.
-constexpr int kOuterLevel = 1;
+constexpr uint32_t kOuterLevel = 1;
 
 uint32_t loadBe32(const uint8_t *p) noexcept {
   uint32_t v;
@@ -56,31 +57,48 @@ const char *memberName(const uint8_t *attr) noexcept {
   return memchr(name, '\0', len - kNameOffset) ? name : nullptr;
 }
 
-json_object *attrToJson(const uint8_t *attr, int depth) noexcept;
+// A container being read: where its next child lies and, in a table, the
+// name of the child in hand. Its object is inside no other yet.
+struct ReadFrame {
+  json_object *node;
+  const uint8_t *p;
+  size_t rem;       // bytes from p to the container's end
+  const char *key;  // a table's child in hand
+  uint32_t height;  // levels of containers in the tallest child so far
+  bool table;
+};
+using ReadStack = WorkStack<ReadFrame>;
 
-// Calls `add(child)` for each child of the run of `rem` bytes at `p`, while
-// the next child lies inside what remains.
-template <typename Add>
-void walkChildren(const uint8_t *p, size_t rem, Add add) noexcept {
-  while (rem >= kIdLenSize) {
-    uint32_t pad = paddedLen(p);
-    if (pad < kIdLenSize || pad > rem) break;
-    add(p);
-    rem -= pad;
-    p += pad;
+// The next child of the container on top, or NULL when the walk is over:
+// a child is taken only while it lies inside what remains.
+const uint8_t *nextChild(ReadFrame &f) noexcept {
+  if (f.rem < kIdLenSize) return nullptr;
+  uint32_t pad = paddedLen(f.p);
+  if (pad < kIdLenSize || pad > f.rem) return nullptr;
+  const uint8_t *child = f.p;
+  f.p += pad;
+  f.rem -= pad;
+  return child;
+}
+
+// Opens `container`, whose children are the `rem` bytes at `p`, on the
+// stack; false, with it released, when the stack could not grow.
+bool openContainer(ReadStack &stack, json_object *container, const uint8_t *p, size_t rem,
+                   bool table) noexcept {
+  ReadFrame *frame = stack.push();
+  if (!frame) {
+    json_object_put(container);
+    return false;
   }
+  *frame = ReadFrame{container, p, rem, nullptr, 0, table};
+  return true;
 }
 
-void addMembers(json_object *object, const uint8_t *p, size_t rem, int depth) noexcept {
-  walkChildren(p, rem, [&](const uint8_t *child) {
-    const char *key = memberName(child);
-    if (!key) return;
-    json_object *value = attrToJson(child, depth);
-    if (json_object_object_add(object, key, value) != 0) json_object_put(value);
-  });
-}
-
-json_object *attrToJson(const uint8_t *attr, int depth) noexcept {
+// The attribute at `attr`, `depth` levels down, as json-c: a scalar's value,
+// or NULL; or a container's empty object opened on the stack (*opened) for
+// the walk to fill. *failed when the stack could not grow.
+json_object *readAttr(const uint8_t *attr, uint32_t depth, ReadStack &stack, bool *opened,
+                      bool *failed) noexcept {
   uint32_t idLen = loadBe32(attr);
   size_t len = idLen & kLengthMask;
   size_t header = kIdLenSize;
@@ -93,21 +111,15 @@ json_object *attrToJson(const uint8_t *attr, int depth) noexcept {
   const uint8_t *data = attr + header;
   size_t size = len - header;
   switch ((idLen >> kTypeShift) & kTypeMask) {
-    case BLOBMSG_TYPE_ARRAY: {
-      if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      json_object *array = json_object_new_array();
-      if (!array) return nullptr;
-      walkChildren(data, size, [&](const uint8_t *child) {
-        json_object *value = attrToJson(child, depth + 1);
-        if (json_object_array_add(array, value) != 0) json_object_put(value);
-      });
-      return array;
-    }
+    case BLOBMSG_TYPE_ARRAY:
     case BLOBMSG_TYPE_TABLE: {
       if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      json_object *object = json_object_new_object();
-      if (object) addMembers(object, data, size, depth + 1);
-      return object;
+      const bool table = ((idLen >> kTypeShift) & kTypeMask) == BLOBMSG_TYPE_TABLE;
+      json_object *container = table ? json_object_new_object() : json_object_new_array();
+      if (!container) return nullptr;
+      *opened = openContainer(stack, container, data, size, table);
+      *failed = !*opened;
+      return *opened ? container : nullptr;
     }
     case BLOBMSG_TYPE_STRING:
       return json_object_new_string_len(reinterpret_cast<const char *>(data),
@@ -134,17 +146,97 @@ json_object *attrToJson(const uint8_t *attr, int depth) noexcept {
   }
 }
 
+// Releases a tree `height` levels tall whose root lies at level `level` of
+// the stack, or would.
+void releaseAt(ReadStack &stack, uint32_t level, json_object *tree, uint32_t height) noexcept {
+  if (height <= kPutLevels) {
+    json_object_put(tree);
+    return;
+  }
+  uint32_t count;
+  ReadFrame *spare = stack.spareFrom(level, &count);
+  releaseTree(tree, spare, count);
+}
+
+// Stores `value`, a child `height` levels tall, in the container on top.
+void addChild(ReadStack &stack, json_object *value, uint32_t height) noexcept {
+  ReadFrame &f = stack.top();
+  if (height > f.height) f.height = height;
+  if (!f.table) {
+    if (json_object_array_add(f.node, value) != 0) releaseAt(stack, stack.depth(), value, height);
+    return;
+  }
+  // A later child of the same name replaces a member, which json-c releases
+  // by its own recursion unless taken out first.
+  json_object *replaced = nullptr;
+  if (f.height > kPutLevels && json_object_object_get_ex(f.node, f.key, &replaced))
+    json_object_get(replaced);
+  if (json_object_object_add(f.node, f.key, value) != 0) {
+    json_object_put(replaced);
+    releaseAt(stack, stack.depth(), value, height);
+  } else if (replaced) {
+    releaseAt(stack, stack.depth(), replaced, f.height);
+  }
+}
+
+// Fills the container opened on the empty stack, whose children lie
+// `depth` + 1 levels down, and returns it with its height; NULL, with
+// everything released, when the stack could not grow. Children are read in
+// the order of the recursion this replaces.
+json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
+  for (;;) {
+    ReadFrame &f = stack.top();
+    const uint8_t *child = nextChild(f);
+    if (!child) {
+      json_object *done = f.node;
+      *height = f.height + 1;
+      stack.pop();
+      if (stack.empty()) return done;
+      addChild(stack, done, *height);
+      continue;
+    }
+    if (f.table && !(f.key = memberName(child))) continue;
+    bool opened = false, failed = false;
+    json_object *value = readAttr(child, depth + stack.depth(), stack, &opened, &failed);
+    if (opened) continue;
+    if (failed) break;
+    addChild(stack, value, 0);
+  }
+  // Each open container is released with the frames from its own level up,
+  // which held its tree while it was read.
+  for (uint32_t i = stack.depth(); i-- > 0;) {
+    uint32_t count;
+    ReadFrame *spare = stack.spareFrom(i, &count);
+    releaseTree(spare->node, spare, count);
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 json_object *blobToJson(const blob_attr *attr) noexcept {
-  return attrToJson(reinterpret_cast<const uint8_t *>(attr), kOuterLevel);
+  ReadStack stack;
+  bool opened = false, failed = false;
+  json_object *value = readAttr(reinterpret_cast<const uint8_t *>(attr), kOuterLevel, stack, &opened, &failed);
+  uint32_t height;
+  if (opened) value = readTree(stack, kOuterLevel, &height);
+  stack.release();
+  return value;
 }
 
 void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
+  ReadStack stack;
   json_object *object = attr && len ? json_object_new_object() : nullptr;
-  if (object) addMembers(object, reinterpret_cast<const uint8_t *>(attr), len, kOuterLevel);
+  uint32_t height = 0;
+  // The run is read as the children of a table above the outer level; the
+  // first frame is always inline.
+  if (object)
+    object = openContainer(stack, object, reinterpret_cast<const uint8_t *>(attr), len, true)
+                 ? readTree(stack, kOuterLevel - 1, &height)
+                 : nullptr;
   jsonToLua(L, object);
-  json_object_put(object);
+  releaseAt(stack, 0, object, height);
+  stack.release();
 }
 
 }  // namespace rk::bridge

@@ -110,11 +110,12 @@ json_object *readAttr(const uint8_t *attr, uint32_t depth, ReadStack &stack, boo
   if (len < header) return nullptr;
   const uint8_t *data = attr + header;
   size_t size = len - header;
-  switch ((idLen >> kTypeShift) & kTypeMask) {
+  const uint32_t type = (idLen >> kTypeShift) & kTypeMask;
+  switch (type) {
     case BLOBMSG_TYPE_ARRAY:
     case BLOBMSG_TYPE_TABLE: {
       if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      const bool table = ((idLen >> kTypeShift) & kTypeMask) == BLOBMSG_TYPE_TABLE;
+      const bool table = type == BLOBMSG_TYPE_TABLE;
       json_object *container = table ? json_object_new_object() : json_object_new_array();
       if (!container) return nullptr;
       *opened = openContainer(stack, container, data, size, table);
@@ -228,8 +229,7 @@ void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
   ReadStack stack;
   json_object *object = attr && len ? json_object_new_object() : nullptr;
   uint32_t height = 0;
-  // The run is read as the children of a table above the outer level; the
-  // first frame is always inline.
+  // The run is read as the children of a table above the outer level.
   if (object)
     object = openContainer(stack, object, reinterpret_cast<const uint8_t *>(attr), len, true)
                  ? readTree(stack, kOuterLevel - 1, &height)

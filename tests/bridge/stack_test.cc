@@ -69,10 +69,10 @@ size_t touched(const std::function<void()> &job) {
 }
 
 // The stack `job` needs beyond a thread that does nothing, reported.
-void onSmallStack(const char *what, const std::function<void()> &job) {
+void onSmallStack(const std::string &what, const std::function<void()> &job) {
   static const size_t idle = touched([] {});
   const size_t all = touched(job), used = all > idle ? all - idle : 0;
-  printf("[  stack   ] %-34s %6zu bytes\n", what, used);
+  printf("[  stack   ] %-34s %6zu bytes\n", what.c_str(), used);
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
   EXPECT_LE(used, kStackGoal) << what;
 #endif
@@ -156,86 +156,46 @@ struct Buf {
   uint32_t len() const { return blob_len(b.head); }
 };
 
-// Deeper than the Lua stack (8000 slots a C frame) lets a conversion go:
-// arrays take one slot a level, objects three. Beyond RK_BLOB_MAX_DEPTH the
-// readers stop; json_to_blob has no limit but its buffer's.
+// Deeper than each conversion goes: the Lua stack (8000 slots a C frame)
+// holds 7998 levels of arrays, one slot each, or 2666 of objects, three
+// each; the blob readers stop at RK_BLOB_MAX_DEPTH; json_to_blob has no
+// limit but its buffer's. Arrays write 16 bytes a level to blobmsg, wrapper
+// included, named objects 8, JSON arrays 8.
 TEST(DeepValues, ConvertOnASmallStack) {
   const struct {
-    const char *what;
-    std::function<long(const char *)> run;
-    long expected;
-  } rows[] = {
-      {"lua_to_json 20000 arrays", [](const char *what) {
-         LuaChain lua(20000, "[1]");
-         json_object *j = nullptr;
-         onSmallStack(what, [&] { j = lua_to_json(lua.L, 1); });
-         int d = depth(j);
-         return release(j), d;
-       }, 7998},
-      {"lua_to_json 20000 objects", [](const char *what) {
-         LuaChain lua(20000, ".k");
-         json_object *j = nullptr;
-         onSmallStack(what, [&] { j = lua_to_json(lua.L, 1); });
-         int d = depth(j);
-         return release(j), d;
-       }, 2666},
-      {"lua_to_blob 20000 arrays (bytes)", [](const char *what) {
-         LuaChain lua(20000, "[1]");
-         Buf buf;
-         onSmallStack(what, [&] { lua_to_blob(lua.L, 1, &buf.b); });
-         return long(buf.len());
-       }, 7998 * 16},
-      {"lua_to_blob 20000 objects (bytes)", [](const char *what) {
-         LuaChain lua(20000, ".k");
-         Buf buf;
-         onSmallStack(what, [&] { lua_to_blob(lua.L, 1, &buf.b); });
-         return long(buf.len());
-       }, 2665 * 8},
-      {"json_to_lua 100000 arrays", [](const char *what) {
-         json_object *j = jsonChain(100000, false);
-         LuaChain lua(1, "");
-         onSmallStack(what, [&] { json_to_lua(lua.L, j); });
-         release(j);
-         return long(lua.depth());
-       }, 7999},
-      {"json_to_lua 100000 objects", [](const char *what) {
-         json_object *j = jsonChain(100000, true);
-         LuaChain lua(1, "");
-         onSmallStack(what, [&] { json_to_lua(lua.L, j); });
-         release(j);
-         return long(lua.depth());
-       }, 7999},
-      {"json_to_blob 100000 arrays (bytes)", [](const char *what) {
-         json_object *j = jsonChain(100000, false);
-         Buf buf;
-         onSmallStack(what, [&] { json_to_blob(&buf.b, j); });
-         release(j);
-         return long(buf.len());
-       }, 100000 * 8 + 12},
-      {"json_to_blob 100000 objects (bytes)", [](const char *what) {
-         json_object *j = jsonChain(100000, true);
-         Buf buf;
-         onSmallStack(what, [&] { json_to_blob(&buf.b, j); });
-         release(j);
-         return long(buf.len());
-       }, 99999 * 8 + 12},
-      {"blob_to_json 100000 arrays", [](const char *what) {
-         std::vector<uint8_t> bytes = blobChain(100000, false);
-         json_object *j = nullptr;
-         onSmallStack(what, [&] { j = blob_to_json((blob_attr *)bytes.data()); });
-         int d = depth(j);
-         return release(j), d;
-       }, RK_BLOB_MAX_DEPTH},
-      {"blob_to_lua 100000 arrays", [](const char *what) {
-         std::vector<uint8_t> bytes = blobChain(100000, true);
-         LuaChain lua(1, "");
-         onSmallStack(what, [&] {
-           blob_to_lua(lua.L, (blob_attr *)bytes.data(), uint32_t(bytes.size()));
-         });
-         return long(lua.depth());
-       }, RK_BLOB_MAX_DEPTH + 1},
-  };
-  for (auto &r : rows) EXPECT_EQ(r.expected, r.run(r.what)) << r.what;
+    const char *field, *shape;
+    int levels;
+    uint32_t bytes;
+  } rows[] = {{"[1]", " 20000 arrays", 7998, 7998 * 16}, {".k", " 20000 objects", 2666, 2665 * 8}};
+  for (auto &r : rows) {
+    LuaChain lua(20000, r.field);
+    json_object *j = nullptr;
+    Buf buf;
+    onSmallStack(std::string("lua_to_json") + r.shape, [&] { j = lua_to_json(lua.L, 1); });
+    onSmallStack(std::string("lua_to_blob") + r.shape, [&] { lua_to_blob(lua.L, 1, &buf.b); });
+    EXPECT_EQ(r.levels, depth(j));
+    EXPECT_EQ(r.bytes, buf.len());
+    release(j);
+  }
+  for (bool objects : {false, true}) {
+    json_object *j = jsonChain(100000, objects);
+    LuaChain lua(1, "");
+    Buf buf;
+    const std::string shape = objects ? " 100000 objects" : " 100000 arrays";
+    onSmallStack("json_to_lua" + shape, [&] { json_to_lua(lua.L, j); });
+    onSmallStack("json_to_blob" + shape, [&] { json_to_blob(&buf.b, j); });
+    EXPECT_EQ(7999, lua.depth());
+    EXPECT_EQ(uint32_t((objects ? 99999 : 100000) * 8 + 12), buf.len());  // and the innermost 1
+    release(j);
+  }
+  std::vector<uint8_t> run = blobChain(100000, true);
+  json_object *j = nullptr;
+  LuaChain lua(1, "");
+  onSmallStack("blob_to_json 100000 arrays", [&] { j = blob_to_json((blob_attr *)&run[8]); });
+  onSmallStack("blob_to_lua 100000 arrays", [&] { blob_to_lua(lua.L, (blob_attr *)run.data(), uint32_t(run.size())); });
+  EXPECT_EQ(RK_BLOB_MAX_DEPTH, depth(j));
+  EXPECT_EQ(RK_BLOB_MAX_DEPTH + 1, lua.depth());  // the run's own table
+  release(j);
 }
 
 // A tree the conversion releases itself: a deep member replaced by a later
@@ -249,15 +209,14 @@ TEST(DeepValues, ReplacedMembersAreReleasedOnASmallStack) {
   onSmallStack("lua_to_json, deep member replaced", [&] { j = lua_to_json(lua.L, -1); });
   EXPECT_STREQ("{\"1\":2}", json_object_to_json_string_ext(j, JSON_C_TO_STRING_PLAIN));
   json_object_put(j);
-  // {"a": 511 arrays, "a": 1}
-  std::vector<uint8_t> deep = blobChain(511, false), bytes = rk::test::Hex("02000000 81000000 00016100");
+  // {"": 512 arrays, "": 1}
+  std::vector<uint8_t> bytes = rk::test::Hex("02000000"), deep = blobChain(511, true);
   bytes.insert(bytes.end(), deep.begin(), deep.end());
-  for (uint8_t b : rk::test::Hex("8500000c 00016100 00000001")) bytes.push_back(b);
-  const uint32_t words[] = {htobe32(0x02000000u | uint32_t(bytes.size())), htobe32(0x81000000u | uint32_t(8 + deep.size()))};
-  memcpy(&bytes[0], &words[0], 4);
-  memcpy(&bytes[4], &words[1], 4);
+  for (uint8_t b : rk::test::Hex("8500000c 00000000 00000001")) bytes.push_back(b);
+  const uint32_t word = htobe32(0x02000000u | uint32_t(bytes.size()));
+  memcpy(&bytes[0], &word, 4);
   onSmallStack("blob_to_json, deep member replaced", [&] { j = blob_to_json((blob_attr *)bytes.data()); });
-  EXPECT_STREQ("{\"a\":1}", json_object_to_json_string_ext(j, JSON_C_TO_STRING_PLAIN));
+  EXPECT_STREQ("{\"\":1}", json_object_to_json_string_ext(j, JSON_C_TO_STRING_PLAIN));
   json_object_put(j);
 }
 
@@ -337,7 +296,7 @@ TEST(HostileBlobs, AttributeOneBytePastItsBuffer) {
   };
   for (auto &r : rows) {
     const std::vector<uint8_t> hex = rk::test::Hex(r.bytes);
-    std::vector<uint8_t> bytes(hex);  // exactly as long as its content
+    std::vector<uint8_t> bytes(hex);  // a copy holds no spare capacity behind its bytes
     if (r.json) {
       json_object *j = blob_to_json((blob_attr *)bytes.data());
       EXPECT_STREQ(r.json, json_object_to_json_string_ext(j, JSON_C_TO_STRING_PLAIN)) << r.bytes;

@@ -69,59 +69,35 @@ struct ReadFrame {
 };
 using ReadStack = WorkStack<ReadFrame>;
 
-// The next child of the container on top, or NULL when the walk is over:
-// a child is taken only while it lies inside what remains.
-const uint8_t *nextChild(ReadFrame &f) noexcept {
-  if (f.rem < kIdLenSize) return nullptr;
-  uint32_t pad = paddedLen(f.p);
-  if (pad < kIdLenSize || pad > f.rem) return nullptr;
-  const uint8_t *child = f.p;
-  f.p += pad;
-  f.rem -= pad;
-  return child;
-}
+// An attribute's type and payload.
+struct Payload {
+  uint32_t type;
+  const uint8_t *data;
+  size_t size;
+};
 
-// Opens `container`, whose children are the `rem` bytes at `p`, on the
-// stack; false, with it released, when the stack could not grow.
-bool openContainer(ReadStack &stack, json_object *container, const uint8_t *p, size_t rem,
-                   bool table) noexcept {
-  ReadFrame *frame = stack.push();
-  if (!frame) {
-    json_object_put(container);
-    return false;
-  }
-  *frame = ReadFrame{container, p, rem, nullptr, 0, table};
-  return true;
-}
-
-// The attribute at `attr`, `depth` levels down, as json-c: a scalar's value,
-// or NULL; or a container's empty object opened on the stack (*opened) for
-// the walk to fill. *failed when the stack could not grow.
-json_object *readAttr(const uint8_t *attr, uint32_t depth, ReadStack &stack, bool *opened,
-                      bool *failed) noexcept {
+// False for an attribute whose header does not fit in its length.
+inline bool payloadOf(const uint8_t *attr, Payload *out) noexcept {
   uint32_t idLen = loadBe32(attr);
   size_t len = idLen & kLengthMask;
   size_t header = kIdLenSize;
   if (idLen & kExtended) {
-    if (len < kNameOffset) return nullptr;
+    if (len < kNameOffset) return false;
     size_t nameLen = size_t{attr[kIdLenSize]} << 8 | attr[kIdLenSize + 1];
     header += (nameLen + kNameOffset) & ~size_t{kAlign - 1};
   }
-  if (len < header) return nullptr;
-  const uint8_t *data = attr + header;
-  size_t size = len - header;
-  const uint32_t type = (idLen >> kTypeShift) & kTypeMask;
+  if (len < header) return false;
+  *out = Payload{(idLen >> kTypeShift) & kTypeMask, attr + header, len - header};
+  return true;
+}
+
+bool isContainer(uint32_t type) noexcept {
+  return type == BLOBMSG_TYPE_ARRAY || type == BLOBMSG_TYPE_TABLE;
+}
+
+// A payload of `type`, no container, as json-c, or NULL.
+json_object *scalarOf(uint32_t type, const uint8_t *data, size_t size) noexcept {
   switch (type) {
-    case BLOBMSG_TYPE_ARRAY:
-    case BLOBMSG_TYPE_TABLE: {
-      if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      const bool table = type == BLOBMSG_TYPE_TABLE;
-      json_object *container = table ? json_object_new_object() : json_object_new_array();
-      if (!container) return nullptr;
-      *opened = openContainer(stack, container, data, size, table);
-      *failed = !*opened;
-      return *opened ? container : nullptr;
-    }
     case BLOBMSG_TYPE_STRING:
       return json_object_new_string_len(reinterpret_cast<const char *>(data),
                                         static_cast<int>(strnlen(reinterpret_cast<const char *>(data), size)));
@@ -147,6 +123,22 @@ json_object *readAttr(const uint8_t *attr, uint32_t depth, ReadStack &stack, boo
   }
 }
 
+// Opens a new container for the payload `a` on the stack: false when the
+// stack could not grow, *container NULL when json-c could not make one.
+bool openContainer(ReadStack &stack, const Payload &a, json_object **container) noexcept {
+  const bool table = a.type == BLOBMSG_TYPE_TABLE;
+  *container = table ? json_object_new_object() : json_object_new_array();
+  if (!*container) return true;
+  ReadFrame *frame = stack.push();
+  if (!frame) {
+    json_object_put(*container);
+    *container = nullptr;
+    return false;
+  }
+  *frame = ReadFrame{*container, a.data, a.size, nullptr, 0, table};
+  return true;
+}
+
 // Releases a tree `height` levels tall whose root lies at level `level` of
 // the stack, or would.
 void releaseAt(ReadStack &stack, uint32_t level, json_object *tree, uint32_t height) noexcept {
@@ -159,52 +151,25 @@ void releaseAt(ReadStack &stack, uint32_t level, json_object *tree, uint32_t hei
   releaseTree(tree, spare, count);
 }
 
-// Stores `value`, a child `height` levels tall, in the container on top.
-void addChild(ReadStack &stack, json_object *value, uint32_t height) noexcept {
-  ReadFrame &f = stack.top();
-  if (height > f.height) f.height = height;
-  if (!f.table) {
-    if (json_object_array_add(f.node, value) != 0) releaseAt(stack, stack.depth(), value, height);
-    return;
-  }
-  // A later child of the same name replaces a member, which json-c releases
-  // by its own recursion unless taken out first.
+// Adds `value`, `height` levels tall, to `table` under `key`. A later child
+// of the same name replaces a member, which json-c releases by its own
+// recursion unless taken out first: the members are at most `tallest`
+// levels tall. The stack's top is the table's level.
+void addMember(ReadStack &stack, json_object *table, const char *key, json_object *value,
+               uint32_t height, uint32_t tallest) noexcept {
   json_object *replaced = nullptr;
-  if (f.height > kPutLevels && json_object_object_get_ex(f.node, f.key, &replaced))
-    json_object_get(replaced);
-  if (json_object_object_add(f.node, f.key, value) != 0) {
+  if (tallest > kPutLevels && json_object_object_get_ex(table, key, &replaced)) json_object_get(replaced);
+  if (json_object_object_add(table, key, value) != 0) {
     json_object_put(replaced);
     releaseAt(stack, stack.depth(), value, height);
   } else if (replaced) {
-    releaseAt(stack, stack.depth(), replaced, f.height);
+    releaseAt(stack, stack.depth(), replaced, tallest);
   }
 }
 
-// Fills the container opened on the empty stack, whose children lie
-// `depth` + 1 levels down, and returns it with its height; NULL, with
-// everything released, when the stack could not grow. Children are read in
-// the order of the recursion this replaces.
-json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
-  for (;;) {
-    ReadFrame &f = stack.top();
-    const uint8_t *child = nextChild(f);
-    if (!child) {
-      json_object *done = f.node;
-      *height = f.height + 1;
-      stack.pop();
-      if (stack.empty()) return done;
-      addChild(stack, done, *height);
-      continue;
-    }
-    if (f.table && !(f.key = memberName(child))) continue;
-    bool opened = false, failed = false;
-    json_object *value = readAttr(child, depth + stack.depth(), stack, &opened, &failed);
-    if (opened) continue;
-    if (failed) break;
-    addChild(stack, value, 0);
-  }
-  // Each open container is released with the frames from its own level up,
-  // which held its tree while it was read.
+// Releases the containers open on the stack, each with the frames from its
+// own level up, which held its tree while it was read: NULL.
+json_object *releaseOpen(ReadStack &stack) noexcept {
   for (uint32_t i = stack.depth(); i-- > 0;) {
     uint32_t count;
     ReadFrame *spare = stack.spareFrom(i, &count);
@@ -213,27 +178,92 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
   return nullptr;
 }
 
+// Fills the container opened on the empty stack, whose children lie
+// `depth` + 1 levels down, and returns it with its height; NULL, with
+// everything released, when the stack could not grow. Children are read in
+// the order of the recursion this replaces, those of one container in a
+// loop of their own until one is a container.
+json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
+  for (;;) {
+    ReadFrame &f = stack.top();
+    json_object *node = f.node;
+    const bool table = f.table;
+    const uint32_t tallest = f.height;
+    const uint8_t *p = f.p;
+    size_t rem = f.rem;
+    const uint32_t childDepth = depth + stack.depth();
+    json_object *opened = nullptr;
+    // A child is taken only while it lies inside what remains.
+    while (rem >= kIdLenSize) {
+      const uint32_t pad = paddedLen(p);
+      if (pad < kIdLenSize || pad > rem) break;
+      const uint8_t *child = p;
+      p += pad;
+      rem -= pad;
+      const char *key = nullptr;
+      if (table && !(key = memberName(child))) continue;
+      Payload a;
+      json_object *value = nullptr;
+      if (payloadOf(child, &a)) {
+        if (!isContainer(a.type)) {
+          value = scalarOf(a.type, a.data, a.size);
+        } else if (childDepth <= RK_BLOB_MAX_DEPTH) {
+          f.p = p;
+          f.rem = rem;
+          f.key = key;
+          if (!openContainer(stack, a, &value)) return releaseOpen(stack);
+          if (value) {
+            opened = value;
+            break;
+          }
+        }
+      }
+      // A scalar, or NULL: json-c releases it alone, if need be.
+      bool kept = true;
+      if (!table)
+        kept = json_object_array_add(node, value) == 0;
+      else if (tallest <= kPutLevels)
+        kept = json_object_object_add(node, key, value) == 0;
+      else
+        addMember(stack, node, key, value, 0, tallest);
+      if (!kept) json_object_put(value);
+    }
+    if (opened) continue;
+    *height = tallest + 1;
+    stack.pop();
+    if (stack.empty()) return node;
+    ReadFrame &parent = stack.top();
+    if (!parent.table) {
+      if (json_object_array_add(parent.node, node) != 0) releaseAt(stack, stack.depth(), node, *height);
+    } else {
+      addMember(stack, parent.node, parent.key, node, *height, parent.height);
+    }
+    if (*height > parent.height) parent.height = *height;
+  }
+}
+
 }  // namespace
 
 json_object *blobToJson(const blob_attr *attr) noexcept {
+  Payload a;
+  if (!payloadOf(reinterpret_cast<const uint8_t *>(attr), &a)) return nullptr;
+  if (!isContainer(a.type)) return scalarOf(a.type, a.data, a.size);
   ReadStack stack;
-  bool opened = false, failed = false;
-  json_object *value = readAttr(reinterpret_cast<const uint8_t *>(attr), kOuterLevel, stack, &opened, &failed);
+  json_object *value = nullptr;
   uint32_t height;
-  if (opened) value = readTree(stack, kOuterLevel, &height);
+  if (openContainer(stack, a, &value) && value) value = readTree(stack, kOuterLevel, &height);
   stack.release();
   return value;
 }
 
 void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
   ReadStack stack;
-  json_object *object = attr && len ? json_object_new_object() : nullptr;
+  json_object *object = nullptr;
   uint32_t height = 0;
   // The run is read as the children of a table above the outer level.
-  if (object)
-    object = openContainer(stack, object, reinterpret_cast<const uint8_t *>(attr), len, true)
-                 ? readTree(stack, kOuterLevel - 1, &height)
-                 : nullptr;
+  const Payload run{BLOBMSG_TYPE_TABLE, reinterpret_cast<const uint8_t *>(attr), len};
+  if (attr && len && openContainer(stack, run, &object) && object)
+    object = readTree(stack, kOuterLevel - 1, &height);
   jsonToLua(L, object);
   releaseAt(stack, 0, object, height);
   stack.release();

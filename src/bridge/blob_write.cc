@@ -89,10 +89,10 @@ static_assert(std::is_trivially_destructible_v<BlobConversion>,
 // The Lua writers run under runProtected and are not noexcept (see
 // docs/internals.md, "Lua: errors are jumps").
 
-// Appends the value at the absolute `index`, not a table, under `name`
+// Appends the value at `index`, of `type`, not a table, under `name`
 // (NULL: none).
-void scalarToBlob(lua_State *L, int index, const char *name, blob_buf *buf) {
-  switch (lua_type(L, index)) {
+void scalarToBlob(lua_State *L, int index, int type, const char *name, blob_buf *buf) {
+  switch (type) {
     case LUA_TBOOLEAN:
       addBool(buf, name, lua_toboolean(L, index));
       break;
@@ -137,15 +137,53 @@ bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) 
   return true;
 }
 
-// Ends the value in hand of the table on top of the work stack.
-void endChild(lua_State *L, BlobConversion *conv) {
-  LuaBlobFrame &f = conv->stack.top();
-  if (f.n >= 0) {
+// Writes the elements of the array on top of the work stack from its next
+// one on, each in an unnamed table of its own, until one is a table: true
+// when that was opened on the stack (its wrapper stays open), false at the
+// end or when the work stack could not grow (conv->failed).
+bool walkArray(lua_State *L, BlobConversion *conv) {
+  const LuaBlobFrame &f = conv->stack.top();
+  blob_buf *buf = conv->buf;
+  const int table = f.index;
+  const int32_t n = f.n;
+  for (int32_t i = f.i; i < n; ++i) {
+    void *wrapper = blobmsg_open_nested(buf, nullptr, false);
+    if (!wrapper) break;  // the buffer is full
+    lua_rawgeti(L, table, i + 1);
+    const int type = lua_type(L, -1);
+    if (type == LUA_TTABLE) {
+      LuaBlobFrame &top = conv->stack.top();
+      top.i = i + 1;
+      top.wrapper = wrapper;
+      if (openTable(L, lua_gettop(L), conv, nullptr)) return true;
+      if (conv->failed) return false;
+    } else {
+      scalarToBlob(L, -1, type, nullptr, buf);
+    }
     lua_settop(L, -2);
-    blob_nest_end(conv->buf, f.wrapper);
-  } else {
+    blob_nest_end(buf, wrapper);
+  }
+  return false;
+}
+
+// The same for the members of the object on top of the work stack.
+bool walkObject(lua_State *L, BlobConversion *conv) {
+  const int table = conv->stack.top().index;
+  while (lua_next(L, table)) {
+    lua_pushvalue(L, -2);
+    const char *key = lua_tolstring(L, -1, nullptr);
+    if (key) {
+      const int type = lua_type(L, -2);
+      if (type == LUA_TTABLE) {
+        if (openTable(L, lua_gettop(L) - 1, conv, key)) return true;
+        if (conv->failed) return false;
+      } else {
+        scalarToBlob(L, -2, type, key, conv->buf);
+      }
+    }
     lua_settop(L, -3);
   }
+  return false;
 }
 
 // Appends the value at `index` under `name` (NULL: none); always 0. The
@@ -154,46 +192,27 @@ void endChild(lua_State *L, BlobConversion *conv) {
 // unchanged.
 int lua_to_blob_value(lua_State *L, int index, BlobConversion *conv, const char *name) {
   if (index < 0) index += lua_gettop(L) + 1;
-  if (lua_type(L, index) != LUA_TTABLE) {
-    scalarToBlob(L, index, name, conv->buf);
+  const int type = lua_type(L, index);
+  if (type != LUA_TTABLE) {
+    scalarToBlob(L, index, type, name, conv->buf);
     return 0;
   }
   if (!openTable(L, index, conv, name)) return 0;
   for (;;) {
-    LuaBlobFrame &f = conv->stack.top();
-    int at;  // the next value's index
-    const char *key = nullptr;
-    if (f.n >= 0 && f.i < f.n) {
-      // Every element stands in an unnamed table of its own.
-      f.wrapper = blobmsg_open_nested(conv->buf, nullptr, false);
-      if (!f.wrapper) {  // the buffer is full
-        f.i = f.n;
-        continue;
-      }
-      lua_rawgeti(L, f.index, ++f.i);
-      at = lua_gettop(L);
-    } else if (f.n < 0 && lua_next(L, f.index)) {
-      lua_pushvalue(L, -2);
-      key = lua_tolstring(L, -1, nullptr);
-      if (!key) {
-        lua_settop(L, -3);
-        continue;
-      }
-      at = lua_gettop(L) - 1;
+    if (conv->stack.top().n >= 0 ? walkArray(L, conv) : walkObject(L, conv)) continue;
+    if (conv->failed) return 0;
+    void *nest = conv->stack.top().nest;
+    if (nest) blob_nest_end(conv->buf, nest);
+    conv->stack.pop();
+    if (conv->stack.empty()) return 0;
+    // What the table's walk pushed for it, and the wrapper of an element.
+    const LuaBlobFrame &f = conv->stack.top();
+    if (f.n >= 0) {
+      lua_settop(L, -2);
+      blob_nest_end(conv->buf, f.wrapper);
     } else {
-      if (f.nest) blob_nest_end(conv->buf, f.nest);
-      conv->stack.pop();
-      if (conv->stack.empty()) return 0;
-      endChild(L, conv);
-      continue;
+      lua_settop(L, -3);
     }
-    if (lua_type(L, at) == LUA_TTABLE) {
-      if (openTable(L, at, conv, key)) continue;
-      if (conv->failed) return 0;
-    } else {
-      scalarToBlob(L, at, key, conv->buf);
-    }
-    endChild(L, conv);
   }
 }
 
@@ -255,33 +274,52 @@ void scalarToBlob(blob_buf *buf, const char *name, json_object *obj, json_type t
   }
 }
 
-// Appends the containers on the work stack, the top one first opened by
-// the caller, until the stack is empty. Each member and element in the
-// order of the recursion this replaces. False when the work stack could not
-// grow.
+// Appends the members or elements of the container on top of the work
+// stack from its next one on, until one is a container: true when that was
+// opened on the stack, false at the end; *failed when the work stack could
+// not grow.
+bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed) noexcept {
+  JsonBlobFrame &f = stack.top();
+  if (const array_list *elements = f.elements) {
+    for (size_t i = f.i; i < elements->length; ++i) {
+      auto *child = static_cast<json_object *>(elements->array[i]);
+      const json_type type = json_object_get_type(child);
+      if (!isContainer(type)) {
+        scalarToBlob(buf, nullptr, child, type);
+        continue;
+      }
+      f.i = i + 1;
+      if (openContainer(stack, buf, nullptr, child, type, failed)) return true;
+      if (*failed) return false;
+    }
+    return false;
+  }
+  for (lh_entry *entry = f.next; entry; entry = lh_entry_next(entry)) {
+    const auto *key = static_cast<const char *>(lh_entry_k(entry));
+    auto *child = static_cast<json_object *>(lh_entry_v(entry));
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      scalarToBlob(buf, key, child, type);
+      continue;
+    }
+    f.next = lh_entry_next(entry);
+    if (openContainer(stack, buf, key, child, type, failed)) return true;
+    if (*failed) return false;
+  }
+  return false;
+}
+
+// Appends the containers on the work stack, the top one opened by the
+// caller, until the stack is empty: each member and element in the order of
+// the recursion this replaces. False when the work stack could not grow.
 bool json_to_blob_value(WorkStack<JsonBlobFrame> &stack, blob_buf *buf) noexcept {
   bool failed = false;
   while (!stack.empty()) {
-    JsonBlobFrame &f = stack.top();
-    json_object *child;
-    const char *key = nullptr;
-    if (f.elements ? f.i == f.elements->length : !f.next) {
-      if (f.nest) blob_nest_end(buf, f.nest);
-      stack.pop();
-      continue;
-    }
-    if (f.elements) {
-      child = static_cast<json_object *>(f.elements->array[f.i++]);
-    } else {
-      key = static_cast<const char *>(lh_entry_k(f.next));
-      child = static_cast<json_object *>(lh_entry_v(f.next));
-      f.next = lh_entry_next(f.next);
-    }
-    const json_type type = json_object_get_type(child);
-    if (!isContainer(type))
-      scalarToBlob(buf, key, child, type);
-    else if (!openContainer(stack, buf, key, child, type, &failed) && failed)
-      return false;
+    if (walkContainer(stack, buf, &failed)) continue;
+    if (failed) return false;
+    void *nest = stack.top().nest;
+    if (nest) blob_nest_end(buf, nest);
+    stack.pop();
   }
   return true;
 }

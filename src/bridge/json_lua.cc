@@ -89,14 +89,46 @@ bool openContainer(lua_State *L, json_object *obj, json_type type, LuaConversion
   return true;
 }
 
-// Stores the value on top of the Lua stack in the table under it, as the
-// container on top of the work stack has it.
-void storeChild(lua_State *L, LuaConversion *conv) {
-  LuaFrame &f = conv->stack.top();
-  if (f.elements)
-    lua_rawseti(L, -2, static_cast<int>(f.i));
-  else
-    lua_setfield(L, -2, f.key);
+// Pushes the elements of the array on top of the work stack from its next
+// one on, each stored in its table, until one is a container: true when
+// that was opened on the stack, false at the end or when the work stack
+// could not grow (conv->failed).
+bool walkArray(lua_State *L, LuaConversion *conv) {
+  const LuaFrame &f = conv->stack.top();
+  const array_list *elements = f.elements;
+  for (size_t i = f.i; i < elements->length; ++i) {
+    auto *child = static_cast<json_object *>(elements->array[i]);
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      pushScalar(L, child, type);
+    } else {
+      conv->stack.top().i = i + 1;
+      if (openContainer(L, child, type, conv)) return true;
+      if (conv->failed) return false;
+    }
+    lua_rawseti(L, -2, static_cast<int>(i + 1));
+  }
+  return false;
+}
+
+// The same for the members of the object on top of the work stack.
+bool walkObject(lua_State *L, LuaConversion *conv) {
+  for (lh_entry *entry = conv->stack.top().next; entry; entry = lh_entry_next(entry)) {
+    const auto *key = static_cast<const char *>(lh_entry_k(entry));
+    auto *child = static_cast<json_object *>(lh_entry_v(entry));
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      pushScalar(L, child, type);
+    } else {
+      LuaFrame &top = conv->stack.top();
+      top.next = lh_entry_next(entry);
+      top.key = key;
+      if (openContainer(L, child, type, conv)) return true;
+      if (conv->failed) return false;
+    }
+    lua_setfield(L, -2, key);
+  }
+  return false;
 }
 
 // Pushes `obj` as a Lua value. Containers are walked with the work stack, in
@@ -110,30 +142,16 @@ void pushJson(lua_State *L, LuaConversion *conv) {
   }
   if (!openContainer(L, conv->obj, type, conv)) return;
   for (;;) {
-    LuaFrame &f = conv->stack.top();
-    json_object *child;
-    if (f.elements ? f.i == f.elements->length : !f.next) {
-      conv->stack.pop();
-      if (conv->stack.empty()) return;
-      storeChild(L, conv);
-      continue;
-    }
-    if (f.elements) {
-      child = static_cast<json_object *>(f.elements->array[f.i++]);
-    } else {
-      f.key = static_cast<const char *>(lh_entry_k(f.next));
-      child = static_cast<json_object *>(lh_entry_v(f.next));
-      f.next = lh_entry_next(f.next);
-    }
-    const json_type childType = json_object_get_type(child);
-    if (!isContainer(childType)) {
-      pushScalar(L, child, childType);
-    } else if (openContainer(L, child, childType, conv)) {
-      continue;
-    } else if (conv->failed) {
-      return;
-    }
-    storeChild(L, conv);
+    if (conv->stack.top().elements ? walkArray(L, conv) : walkObject(L, conv)) continue;
+    if (conv->failed) return;
+    conv->stack.pop();
+    if (conv->stack.empty()) return;
+    // The container just filled goes into its parent's table.
+    const LuaFrame &f = conv->stack.top();
+    if (f.elements)
+      lua_rawseti(L, -2, static_cast<int>(f.i));
+    else
+      lua_setfield(L, -2, f.key);
   }
 }
 

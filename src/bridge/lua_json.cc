@@ -51,9 +51,9 @@ void releaseChild(JsonConversion *conv, json_object *value, uint32_t height) noe
 // From here on the converters run under runProtected and are not noexcept
 // (see docs/internals.md, "Lua: errors are jumps").
 
-// The value at the absolute `index`, not a table, as a json-c object or NULL.
-json_object *scalarToJson(lua_State *L, int index) {
-  switch (lua_type(L, index)) {
+// The value at `index`, of `type`, not a table, as a json-c object or NULL.
+json_object *scalarToJson(lua_State *L, int index, int type) {
+  switch (type) {
     case LUA_TBOOLEAN:
       return json_object_new_boolean(lua_toboolean(L, index));
     case LUA_TNUMBER: {
@@ -94,9 +94,28 @@ bool openTable(lua_State *L, int index, JsonConversion *conv) {
   return true;
 }
 
-// Stores `value`, a child `height` levels tall, in the table on top of the
-// work stack and drops what its walk pushed for it.
-void addChild(lua_State *L, JsonConversion *conv, json_object *value, uint32_t height) {
+// Adds `value`, `height` levels tall, to `object` under `key`. String keys
+// of one table differ from each other, so one is new to the object unless
+// a number key met before it has the same text (`mayReplace`); only then
+// does json-c need to look for it, and only then may it replace a member,
+// which it releases by its own recursion unless taken out first: the
+// object's members are at most `tallest` levels tall.
+void addMember(JsonConversion *conv, json_object *object, const char *key, json_object *value,
+               uint32_t height, bool mayReplace, uint32_t tallest) noexcept {
+  json_object *replaced = nullptr;
+  if (mayReplace && tallest > kPutLevels && json_object_object_get_ex(object, key, &replaced))
+    json_object_get(replaced);
+  if (json_object_object_add_ex(object, key, value, mayReplace ? 0 : JSON_C_OBJECT_ADD_KEY_IS_NEW) != 0) {
+    json_object_put(replaced);
+    releaseChild(conv, value, height);
+  } else if (replaced) {
+    releaseChild(conv, replaced, tallest);
+  }
+}
+
+// Stores the table just converted, `height` levels tall, in the table on
+// top of the work stack and drops what its walk pushed for it.
+void addTable(lua_State *L, JsonConversion *conv, json_object *value, uint32_t height) {
   JsonFrame &f = conv->stack.top();
   if (height > f.height) f.height = height;
   if (f.n >= 0) {
@@ -109,22 +128,73 @@ void addChild(lua_State *L, JsonConversion *conv, json_object *value, uint32_t h
     f.i++;
     return;
   }
-  // String keys of one table differ from each other, so one is new to the
-  // object unless a number key met before it has the same text; only then
-  // does json-c need to look for it, and only then may it replace a member,
-  // which it releases by its own recursion unless taken out first.
   const bool mayReplace = f.number || f.numberMet;
   f.numberMet = mayReplace;
-  json_object *replaced = nullptr;
-  if (mayReplace && f.height > kPutLevels && json_object_object_get_ex(f.node, f.key, &replaced))
-    json_object_get(replaced);
-  if (json_object_object_add_ex(f.node, f.key, value, mayReplace ? 0 : JSON_C_OBJECT_ADD_KEY_IS_NEW) != 0) {
-    json_object_put(replaced);
-    releaseChild(conv, value, height);
-  } else if (replaced) {
-    releaseChild(conv, replaced, f.height);
-  }
+  addMember(conv, f.node, f.key, value, height, mayReplace, f.height);
   lua_settop(L, -3);
+}
+
+// Converts the elements of the array on top of the work stack from its next
+// one on, until one is a table: true when that was opened on the stack,
+// false at the end or when the work stack could not grow (conv->failed).
+bool walkArray(lua_State *L, JsonConversion *conv) {
+  const JsonFrame &f = conv->stack.top();
+  json_object *array = f.node;
+  const int table = f.index;
+  const int32_t n = f.n;
+  for (int32_t i = f.i; i < n; ++i) {
+    lua_rawgeti(L, table, i + 1);
+    const int type = lua_type(L, -1);
+    json_object *value = nullptr;
+    if (type == LUA_TTABLE) {
+      conv->stack.top().i = i;
+      if (openTable(L, lua_gettop(L), conv)) return true;
+      if (conv->failed) return false;
+    } else {
+      value = scalarToJson(L, -1, type);
+    }
+    lua_settop(L, -2);
+    if (json_object_array_put_idx(array, static_cast<size_t>(i), value) != 0) {
+      json_object_put(value);  // out of memory: the array ends here
+      break;
+    }
+  }
+  return false;
+}
+
+// The same for the members of the object on top of the work stack.
+bool walkObject(lua_State *L, JsonConversion *conv) {
+  const JsonFrame &f = conv->stack.top();
+  json_object *object = f.node;
+  const int table = f.index;
+  const uint32_t tallest = f.height;
+  bool numberMet = f.numberMet;
+  while (lua_next(L, table)) {
+    const bool number = lua_type(L, -2) == LUA_TNUMBER;
+    // Only a copy of the key may be turned into text: lua_next needs the
+    // key itself unchanged.
+    lua_pushvalue(L, -2);
+    const char *key = lua_tolstring(L, -1, nullptr);
+    if (key) {
+      const int type = lua_type(L, -2);
+      json_object *value = nullptr;
+      if (type == LUA_TTABLE) {
+        JsonFrame &top = conv->stack.top();
+        top.key = key;
+        top.number = number;
+        top.numberMet = numberMet;
+        if (openTable(L, lua_gettop(L) - 1, conv)) return true;
+        if (conv->failed) return false;
+      } else {
+        value = scalarToJson(L, -2, type);
+      }
+      const bool mayReplace = number || numberMet;
+      numberMet = mayReplace;
+      addMember(conv, object, key, value, 0, mayReplace, tallest);
+    }
+    lua_settop(L, -3);
+  }
+  return false;
 }
 
 // The value at `index` as a json-c object, or NULL. The tables in it are
@@ -132,40 +202,18 @@ void addChild(lua_State *L, JsonConversion *conv, json_object *value, uint32_t h
 // and with the same Lua stack on each level. Stack unchanged.
 json_object *lua_to_json_value(lua_State *L, int index, JsonConversion *conv) {
   if (index < 0) index += lua_gettop(L) + 1;
-  if (lua_type(L, index) != LUA_TTABLE) return scalarToJson(L, index);
+  const int type = lua_type(L, index);
+  if (type != LUA_TTABLE) return scalarToJson(L, index, type);
   if (!openTable(L, index, conv)) return nullptr;
   for (;;) {
-    JsonFrame &f = conv->stack.top();
-    int at;  // the next value's index
-    if (f.n >= 0 && f.i < f.n) {
-      lua_rawgeti(L, f.index, f.i + 1);
-      at = lua_gettop(L);
-    } else if (f.n < 0 && lua_next(L, f.index)) {
-      f.number = lua_type(L, -2) == LUA_TNUMBER;
-      // Only a copy of the key may be turned into text: lua_next needs the
-      // key itself unchanged.
-      lua_pushvalue(L, -2);
-      f.key = lua_tolstring(L, -1, nullptr);
-      if (!f.key) {
-        lua_settop(L, -3);
-        continue;
-      }
-      at = lua_gettop(L) - 1;
-    } else {
-      json_object *done = f.node;
-      const uint32_t height = f.height + 1;
-      conv->stack.pop();
-      if (conv->stack.empty()) return done;
-      addChild(L, conv, done, height);
-      continue;
-    }
-    if (lua_type(L, at) == LUA_TTABLE) {
-      if (openTable(L, at, conv)) continue;
-      if (conv->failed) return nullptr;
-      addChild(L, conv, nullptr, 0);
-    } else {
-      addChild(L, conv, scalarToJson(L, at), 0);
-    }
+    if (conv->stack.top().n >= 0 ? walkArray(L, conv) : walkObject(L, conv)) continue;
+    if (conv->failed) return nullptr;
+    const JsonFrame &f = conv->stack.top();
+    json_object *done = f.node;
+    const uint32_t height = f.height + 1;
+    conv->stack.pop();
+    if (conv->stack.empty()) return done;
+    addTable(L, conv, done, height);
   }
 }
 

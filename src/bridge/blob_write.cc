@@ -78,10 +78,10 @@ struct LuaBlobFrame {
 };
 
 struct BlobConversion {
-  VisitedTableSet *set;
-  blob_buf *buf;
+  VisitedTableSet *set = nullptr;
+  blob_buf *buf = nullptr;
   WorkStack<LuaBlobFrame> stack;
-  bool failed;  // the work stack could not grow
+  bool failed = false;  // the work stack could not grow
 };
 static_assert(std::is_trivially_destructible_v<BlobConversion>,
               "a Lua error may jump over the frame that holds it");
@@ -327,8 +327,11 @@ bool json_to_blob_value(WorkStack<JsonBlobFrame> &stack, blob_buf *buf) noexcept
 }  // namespace
 
 void luaToBlob(lua_State *L, int index, blob_buf *buf) noexcept {
-  BlobConversion conv{visited_table_create(), buf, {}, false};
+  // Not brace-initialised: that would clear the inline frames.
+  BlobConversion conv;
+  conv.set = visited_table_create();
   if (!conv.set) return;
+  conv.buf = buf;
   const BlobMark mark = markOf(buf);
   const int ran = runProtected(L, index, toBlobBody, &conv, 0);
   if (ran == 0 || (ran == 1 && conv.failed)) rollBack(buf, mark);

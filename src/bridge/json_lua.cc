@@ -26,9 +26,9 @@ struct LuaFrame {
 };
 
 struct LuaConversion {
-  json_object *obj;
+  json_object *obj = nullptr;
   WorkStack<LuaFrame> stack;
-  bool failed;  // the work stack could not grow
+  bool failed = false;  // the work stack could not grow
 };
 static_assert(std::is_trivially_destructible_v<LuaConversion>,
               "a Lua error may jump over the frame that holds it");
@@ -160,7 +160,9 @@ void pushJsonBody(lua_State *L, void *ud) { pushJson(L, static_cast<LuaConversio
 }  // namespace
 
 void jsonToLua(lua_State *L, json_object *obj) noexcept {
-  LuaConversion conv{obj, {}, false};
+  // Not brace-initialised: that would clear the inline frames.
+  LuaConversion conv;
+  conv.obj = obj;
   // A Lua error (out of memory) inside, or a work stack that could not grow,
   // still leaves one value: nil.
   const int ran = runProtected(L, 0, pushJsonBody, &conv, 1);

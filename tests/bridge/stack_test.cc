@@ -1,7 +1,7 @@
 // Nesting as deep as each conversion accepts, and deeper, on a thread with
 // the 128 KiB of stack a daemon's thread gets on musl; the DNS name decoder
-// and the UCI walks at their longest beside them. Each row prints the stack
-// it touched; an optimised build without sanitizers keeps it within 64 KiB.
+// and a UCI walk at their longest beside them. Each row prints the stack it
+// touched; an optimised build without sanitizers keeps it within 64 KiB.
 // Also: conversions whose work stack cannot grow, and blob attributes that
 // run one byte past their buffer.
 #include <pthread.h>
@@ -38,6 +38,12 @@ namespace {
 
 constexpr size_t kThreadStack = 128 * 1024;
 constexpr size_t kStackGoal = 64 * 1024;
+// The goal holds for an optimised build; sanitizers make frames larger.
+#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
+constexpr bool kCheckGoal = true;
+#else
+constexpr bool kCheckGoal = false;
+#endif
 constexpr uint8_t kPaint = 0xa5;
 
 __attribute__((no_sanitize_address)) size_t untouched(const uint8_t *p, size_t n) {
@@ -73,9 +79,7 @@ void onSmallStack(const std::string &what, const std::function<void()> &job) {
   static const size_t idle = touched([] {});
   const size_t all = touched(job), used = all > idle ? all - idle : 0;
   printf("[  stack   ] %-34s %6zu bytes\n", what.c_str(), used);
-#if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
-  EXPECT_LE(used, kStackGoal) << what;
-#endif
+  EXPECT_TRUE(!kCheckGoal || used <= kStackGoal) << what << ": " << used << " bytes";
 }
 
 // A Lua state with `levels` tables at index 1, each the next one's `field`.

@@ -24,7 +24,9 @@ constexpr uint32_t kInlineFrames = 32;
 template <typename Frame>
 class WorkStack {
  public:
-  // Provided, so that a value-initialised stack does not zero its frames.
+  // User-provided, so that the frames are left uninitialised; the records
+  // that hold a stack are default-initialised, not brace-initialised, since
+  // the compiler clears a whole aggregate before filling it.
   WorkStack() noexcept {}
   WorkStack(const WorkStack &) = delete;
   WorkStack &operator=(const WorkStack &) = delete;
@@ -55,6 +57,7 @@ class WorkStack {
 
  private:
   bool grow() noexcept {
+    if (room_ > UINT32_MAX / 2) return false;
     const uint32_t room = room_ * 2;
     void *grown = reallocarray(frames_ == inline_ ? nullptr : frames_, room, sizeof(Frame));
     if (!grown) return false;

@@ -29,6 +29,10 @@
  * was built is released. Only a failure to grow the caller's own Lua stack
  * before a conversion starts can raise, as any Lua API call can.
  *
+ * The C stack a conversion needs does not grow with the nesting: the levels
+ * open are kept on the heap. Running out of memory for them ends the
+ * conversion as a Lua error does.
+ *
  * The blob readers accept untrusted attributes within these bounds: a
  * child is read only when it lies inside its parent, a scalar only when its
  * payload holds the bytes it needs, a string or name up to its NUL or the end

@@ -11,6 +11,7 @@
 #include <json-c/json.h>
 
 #include "bridge/bridge.h"
+#include "bridge/work_stack.h"
 #include "common/deps.h"
 
 namespace rk::bridge {
@@ -28,7 +29,7 @@ constexpr int kTypeShift = 24;
 constexpr uint32_t kTypeMask = 0x7f;
 
 // The level of the attributes a reader is handed.
-constexpr int kOuterLevel = 1;
+constexpr uint32_t kOuterLevel = 1;
 
 uint32_t loadBe32(const uint8_t *p) noexcept {
   uint32_t v;
@@ -56,59 +57,47 @@ const char *memberName(const uint8_t *attr) noexcept {
   return memchr(name, '\0', len - kNameOffset) ? name : nullptr;
 }
 
-json_object *attrToJson(const uint8_t *attr, int depth) noexcept;
+// A container being read: where its next child lies and, in a table, the
+// name of the child in hand. Its object is inside no other yet.
+struct ReadFrame {
+  json_object *node;
+  const uint8_t *p;
+  size_t rem;       // bytes from p to the container's end
+  const char *key;  // a table's child in hand
+  uint32_t height;  // levels of containers in the tallest child so far
+  bool table;
+};
+using ReadStack = WorkStack<ReadFrame>;
 
-// Calls `add(child)` for each child of the run of `rem` bytes at `p`, while
-// the next child lies inside what remains.
-template <typename Add>
-void walkChildren(const uint8_t *p, size_t rem, Add add) noexcept {
-  while (rem >= kIdLenSize) {
-    uint32_t pad = paddedLen(p);
-    if (pad < kIdLenSize || pad > rem) break;
-    add(p);
-    rem -= pad;
-    p += pad;
-  }
-}
+// An attribute's type and payload.
+struct Payload {
+  uint32_t type;
+  const uint8_t *data;
+  size_t size;
+};
 
-void addMembers(json_object *object, const uint8_t *p, size_t rem, int depth) noexcept {
-  walkChildren(p, rem, [&](const uint8_t *child) {
-    const char *key = memberName(child);
-    if (!key) return;
-    json_object *value = attrToJson(child, depth);
-    if (json_object_object_add(object, key, value) != 0) json_object_put(value);
-  });
-}
-
-json_object *attrToJson(const uint8_t *attr, int depth) noexcept {
+// False for an attribute whose header does not fit in its length.
+inline bool payloadOf(const uint8_t *attr, Payload *out) noexcept {
   uint32_t idLen = loadBe32(attr);
   size_t len = idLen & kLengthMask;
   size_t header = kIdLenSize;
   if (idLen & kExtended) {
-    if (len < kNameOffset) return nullptr;
+    if (len < kNameOffset) return false;
     size_t nameLen = size_t{attr[kIdLenSize]} << 8 | attr[kIdLenSize + 1];
     header += (nameLen + kNameOffset) & ~size_t{kAlign - 1};
   }
-  if (len < header) return nullptr;
-  const uint8_t *data = attr + header;
-  size_t size = len - header;
-  switch ((idLen >> kTypeShift) & kTypeMask) {
-    case BLOBMSG_TYPE_ARRAY: {
-      if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      json_object *array = json_object_new_array();
-      if (!array) return nullptr;
-      walkChildren(data, size, [&](const uint8_t *child) {
-        json_object *value = attrToJson(child, depth + 1);
-        if (json_object_array_add(array, value) != 0) json_object_put(value);
-      });
-      return array;
-    }
-    case BLOBMSG_TYPE_TABLE: {
-      if (depth > RK_BLOB_MAX_DEPTH) return nullptr;
-      json_object *object = json_object_new_object();
-      if (object) addMembers(object, data, size, depth + 1);
-      return object;
-    }
+  if (len < header) return false;
+  *out = Payload{(idLen >> kTypeShift) & kTypeMask, attr + header, len - header};
+  return true;
+}
+
+bool isContainer(uint32_t type) noexcept {
+  return type == BLOBMSG_TYPE_ARRAY || type == BLOBMSG_TYPE_TABLE;
+}
+
+// A payload of `type`, no container, as json-c, or NULL.
+json_object *scalarOf(uint32_t type, const uint8_t *data, size_t size) noexcept {
+  switch (type) {
     case BLOBMSG_TYPE_STRING:
       return json_object_new_string_len(reinterpret_cast<const char *>(data),
                                         static_cast<int>(strnlen(reinterpret_cast<const char *>(data), size)));
@@ -134,17 +123,150 @@ json_object *attrToJson(const uint8_t *attr, int depth) noexcept {
   }
 }
 
+// Opens a new container for the payload `a` on the stack: false when the
+// stack could not grow, *container NULL when json-c could not make one.
+bool openContainer(ReadStack &stack, const Payload &a, json_object **container) noexcept {
+  const bool table = a.type == BLOBMSG_TYPE_TABLE;
+  *container = table ? json_object_new_object() : json_object_new_array();
+  if (!*container) return true;
+  ReadFrame *frame = stack.push();
+  if (!frame) {
+    json_object_put(*container);
+    *container = nullptr;
+    return false;
+  }
+  *frame = ReadFrame{*container, a.data, a.size, nullptr, 0, table};
+  return true;
+}
+
+// Releases a tree `height` levels tall whose root lies at level `level` of
+// the stack, or would.
+void releaseAt(ReadStack &stack, uint32_t level, json_object *tree, uint32_t height) noexcept {
+  if (height <= kPutLevels) {
+    json_object_put(tree);
+    return;
+  }
+  uint32_t count;
+  ReadFrame *spare = stack.spareFrom(level, &count);
+  releaseTree(tree, spare, count);
+}
+
+// Adds `value`, `height` levels tall, to `table` under `key`. A later child
+// of the same name replaces a member, which json-c releases by its own
+// recursion unless taken out first: the members are at most `tallest`
+// levels tall. The stack's top is the table's level.
+void addMember(ReadStack &stack, json_object *table, const char *key, json_object *value,
+               uint32_t height, uint32_t tallest) noexcept {
+  json_object *replaced = nullptr;
+  if (tallest > kPutLevels && json_object_object_get_ex(table, key, &replaced)) json_object_get(replaced);
+  if (json_object_object_add(table, key, value) != 0) {
+    json_object_put(replaced);
+    releaseAt(stack, stack.depth(), value, height);
+  } else if (replaced) {
+    releaseAt(stack, stack.depth(), replaced, tallest);
+  }
+}
+
+// Releases the containers open on the stack, each with the frames from its
+// own level up, which held its tree while it was read: NULL.
+json_object *releaseOpen(ReadStack &stack) noexcept {
+  for (uint32_t i = stack.depth(); i-- > 0;) {
+    uint32_t count;
+    ReadFrame *spare = stack.spareFrom(i, &count);
+    releaseTree(spare->node, spare, count);
+  }
+  return nullptr;
+}
+
+// Fills the container opened on the empty stack, whose children lie
+// `depth` + 1 levels down, and returns it with its height; NULL, with
+// everything released, when the stack could not grow. Children are read in
+// the order of the recursion this replaces, those of one container in a
+// loop of their own until one is a container.
+json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
+  for (;;) {
+    ReadFrame &f = stack.top();
+    json_object *node = f.node;
+    const bool table = f.table;
+    const uint32_t tallest = f.height;
+    const uint8_t *p = f.p;
+    size_t rem = f.rem;
+    const uint32_t childDepth = depth + stack.depth();
+    json_object *opened = nullptr;
+    // A child is taken only while it lies inside what remains.
+    while (rem >= kIdLenSize) {
+      const uint32_t pad = paddedLen(p);
+      if (pad < kIdLenSize || pad > rem) break;
+      const uint8_t *child = p;
+      p += pad;
+      rem -= pad;
+      const char *key = nullptr;
+      if (table && !(key = memberName(child))) continue;
+      Payload a;
+      json_object *value = nullptr;
+      if (payloadOf(child, &a)) {
+        if (!isContainer(a.type)) {
+          value = scalarOf(a.type, a.data, a.size);
+        } else if (childDepth <= RK_BLOB_MAX_DEPTH) {
+          f.p = p;
+          f.rem = rem;
+          f.key = key;
+          if (!openContainer(stack, a, &value)) return releaseOpen(stack);
+          if (value) {
+            opened = value;
+            break;
+          }
+        }
+      }
+      // A scalar, or NULL: json-c releases it alone, if need be.
+      bool kept = true;
+      if (!table)
+        kept = json_object_array_add(node, value) == 0;
+      else if (tallest <= kPutLevels)
+        kept = json_object_object_add(node, key, value) == 0;
+      else
+        addMember(stack, node, key, value, 0, tallest);
+      if (!kept) json_object_put(value);
+    }
+    if (opened) continue;
+    *height = tallest + 1;
+    stack.pop();
+    if (stack.empty()) return node;
+    ReadFrame &parent = stack.top();
+    if (!parent.table) {
+      if (json_object_array_add(parent.node, node) != 0) releaseAt(stack, stack.depth(), node, *height);
+    } else {
+      addMember(stack, parent.node, parent.key, node, *height, parent.height);
+    }
+    if (*height > parent.height) parent.height = *height;
+  }
+}
+
 }  // namespace
 
 json_object *blobToJson(const blob_attr *attr) noexcept {
-  return attrToJson(reinterpret_cast<const uint8_t *>(attr), kOuterLevel);
+  Payload a;
+  if (!payloadOf(reinterpret_cast<const uint8_t *>(attr), &a)) return nullptr;
+  if (!isContainer(a.type)) return scalarOf(a.type, a.data, a.size);
+  ReadStack stack;
+  json_object *value = nullptr;
+  uint32_t height;
+  if (openContainer(stack, a, &value) && value) value = readTree(stack, kOuterLevel, &height);
+  stack.release();
+  return value;
 }
 
 void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
-  json_object *object = attr && len ? json_object_new_object() : nullptr;
-  if (object) addMembers(object, reinterpret_cast<const uint8_t *>(attr), len, kOuterLevel);
+  ReadStack stack;
+  json_object *object = nullptr;
+  uint32_t height = 0;
+  // The run is read as the children of a table above the outer level.
+  const Payload run{BLOBMSG_TYPE_TABLE, reinterpret_cast<const uint8_t *>(attr), len};
+  if (attr && len && openContainer(stack, run, &object) && object)
+    object = readTree(stack, kOuterLevel - 1, &height);
   jsonToLua(L, object);
-  json_object_put(object);
+  releaseAt(stack, 0, object, height);
+  stack.release();
 }
 
 }  // namespace rk::bridge

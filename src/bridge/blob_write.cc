@@ -14,6 +14,7 @@
 #include "bridge/bridge.h"
 #include "bridge/lua_protect.h"
 #include "bridge/lua_walk.h"
+#include "bridge/work_stack.h"
 #include "common/deps.h"
 
 namespace rk::bridge {
@@ -46,63 +47,52 @@ void addString(blob_buf *buf, const char *name, const char *text) noexcept {
                     static_cast<unsigned int>(strlen(text) + 1));
 }
 
+// Where a writer started in the buffer, so that a conversion that cannot end
+// leaves nothing written: the level it started on, with its length as it
+// was. The head is kept as an offset, since the buffer may move while it
+// grows.
+struct BlobMark {
+  size_t headAt;
+  uint32_t headWord;
+};
+
+BlobMark markOf(const blob_buf *buf) noexcept {
+  BlobMark mark{static_cast<size_t>(reinterpret_cast<char *>(buf->head) - static_cast<char *>(buf->buf)), 0};
+  memcpy(&mark.headWord, buf->head, sizeof mark.headWord);
+  return mark;
+}
+
+void rollBack(blob_buf *buf, const BlobMark &mark) noexcept {
+  buf->head = reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + mark.headAt);
+  memcpy(buf->head, &mark.headWord, sizeof mark.headWord);
+}
+
+// A Lua table being written: the nest it opened (none for an object
+// without a name), and for an array the wrapper of the element in hand.
+struct LuaBlobFrame {
+  void *nest;
+  void *wrapper;
+  int index;  // of the table, absolute
+  int32_t n;  // an array's length, or -1 for an object
+  int32_t i;  // an array's elements begun
+};
+
 struct BlobConversion {
-  VisitedTableSet *set;
-  blob_buf *buf;
+  VisitedTableSet *set = nullptr;
+  blob_buf *buf = nullptr;
+  WorkStack<LuaBlobFrame> stack;
+  bool failed = false;  // the work stack could not grow
 };
 static_assert(std::is_trivially_destructible_v<BlobConversion>,
               "a Lua error may jump over the frame that holds it");
 
 // The Lua writers run under runProtected and are not noexcept (see
 // docs/internals.md, "Lua: errors are jumps").
-int lua_to_blob_value(lua_State *L, int index, VisitedTableSet **set, const char *name,
-                      blob_buf *buf);
 
-// Appends the table at the absolute `index`, unless met before or the stack
-// has no room for its walk. Stack unchanged.
-void tableToBlob(lua_State *L, int index, VisitedTableSet **set, const char *name,
-                 blob_buf *buf) {
-  if (visited_table_check(set, lua_topointer(L, index))) return;
-  int32_t n = lua_table_array_length(L, index);
-  if (n >= 0) {
-    if (!lua_checkstack(L, kArrayWalkSlots)) return;
-    void *array = blobmsg_open_nested(buf, name, true);
-    if (!array) return;
-    for (int32_t i = 0; i < n; ++i) {
-      // Every element stands in an unnamed table of its own.
-      void *wrapper = blobmsg_open_nested(buf, nullptr, false);
-      if (!wrapper) break;  // the buffer is full
-      lua_rawgeti(L, index, i + 1);
-      lua_to_blob_value(L, -1, set, nullptr, buf);
-      lua_settop(L, -2);
-      blob_nest_end(buf, wrapper);
-    }
-    blob_nest_end(buf, array);
-    return;
-  }
-  if (!lua_checkstack(L, kObjectWalkSlots)) return;
-  // Without a name the members land at the level the writer stands on.
-  void *table = nullptr;
-  if (name) {
-    table = blobmsg_open_nested(buf, name, false);
-    if (!table) return;
-  }
-  lua_pushnil(L);
-  while (lua_next(L, index)) {
-    lua_pushvalue(L, -2);
-    const char *key = lua_tolstring(L, -1, nullptr);
-    if (key) lua_to_blob_value(L, -2, set, key, buf);
-    lua_settop(L, -3);
-  }
-  if (table) blob_nest_end(buf, table);
-}
-
-// Appends the value at `index` under `name` (NULL: none); always 0. Stack
-// unchanged.
-int lua_to_blob_value(lua_State *L, int index, VisitedTableSet **set, const char *name,
-                      blob_buf *buf) {
-  if (index < 0) index += lua_gettop(L) + 1;
-  switch (lua_type(L, index)) {
+// Appends the value at `index`, of `type`, not a table, under `name`
+// (NULL: none).
+void scalarToBlob(lua_State *L, int index, int type, const char *name, blob_buf *buf) {
+  switch (type) {
     case LUA_TBOOLEAN:
       addBool(buf, name, lua_toboolean(L, index));
       break;
@@ -118,28 +108,150 @@ int lua_to_blob_value(lua_State *L, int index, VisitedTableSet **set, const char
     case LUA_TSTRING:
       addString(buf, name, lua_tostring(L, index));
       break;
-    case LUA_TTABLE:
-      tableToBlob(L, index, set, name, buf);
-      break;
     default:
       break;
   }
-  return 0;
+}
+
+// Opens the table at the absolute `index` on the work stack, with its nest
+// opened under `name` and the Lua stack made ready for its walk; false when
+// it writes nothing: met before, no room on the Lua stack or in the buffer,
+// or no memory (conv->failed when the work stack could not grow).
+bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) {
+  if (visited_table_check(&conv->set, lua_topointer(L, index))) return false;
+  int32_t n = lua_table_array_length(L, index);
+  if (!lua_checkstack(L, n >= 0 ? kArrayWalkSlots : kObjectWalkSlots)) return false;
+  // Without a name an object's members land at the level the writer stands on.
+  void *nest = nullptr;
+  if (n >= 0 || name) {
+    nest = blobmsg_open_nested(conv->buf, name, n >= 0);
+    if (!nest) return false;
+  }
+  LuaBlobFrame *frame = conv->stack.push();
+  if (!frame) {
+    conv->failed = true;
+    return false;
+  }
+  *frame = LuaBlobFrame{nest, nullptr, index, n, 0};
+  if (n < 0) lua_pushnil(L);
+  return true;
+}
+
+// Writes the elements of the array on top of the work stack from its next
+// one on, each in an unnamed table of its own, until one is a table: true
+// when that was opened on the stack (its wrapper stays open), false at the
+// end or when the work stack could not grow (conv->failed).
+bool walkArray(lua_State *L, BlobConversion *conv) {
+  const LuaBlobFrame &f = conv->stack.top();
+  blob_buf *buf = conv->buf;
+  const int table = f.index;
+  const int32_t n = f.n;
+  for (int32_t i = f.i; i < n; ++i) {
+    void *wrapper = blobmsg_open_nested(buf, nullptr, false);
+    if (!wrapper) break;  // the buffer is full
+    lua_rawgeti(L, table, i + 1);
+    const int type = lua_type(L, -1);
+    if (type == LUA_TTABLE) {
+      LuaBlobFrame &top = conv->stack.top();
+      top.i = i + 1;
+      top.wrapper = wrapper;
+      if (openTable(L, lua_gettop(L), conv, nullptr)) return true;
+      if (conv->failed) return false;
+    } else {
+      scalarToBlob(L, -1, type, nullptr, buf);
+    }
+    lua_settop(L, -2);
+    blob_nest_end(buf, wrapper);
+  }
+  return false;
+}
+
+// The same for the members of the object on top of the work stack.
+bool walkObject(lua_State *L, BlobConversion *conv) {
+  const int table = conv->stack.top().index;
+  while (lua_next(L, table)) {
+    lua_pushvalue(L, -2);
+    const char *key = lua_tolstring(L, -1, nullptr);
+    if (key) {
+      const int type = lua_type(L, -2);
+      if (type == LUA_TTABLE) {
+        if (openTable(L, lua_gettop(L) - 1, conv, key)) return true;
+        if (conv->failed) return false;
+      } else {
+        scalarToBlob(L, -2, type, key, conv->buf);
+      }
+    }
+    lua_settop(L, -3);
+  }
+  return false;
+}
+
+// Appends the value at `index` under `name` (NULL: none); always 0. The
+// tables in it are walked with the work stack, in the order of the
+// recursion this replaces, and with the same Lua stack on each level. Stack
+// unchanged.
+int lua_to_blob_value(lua_State *L, int index, BlobConversion *conv, const char *name) {
+  if (index < 0) index += lua_gettop(L) + 1;
+  const int type = lua_type(L, index);
+  if (type != LUA_TTABLE) {
+    scalarToBlob(L, index, type, name, conv->buf);
+    return 0;
+  }
+  if (!openTable(L, index, conv, name)) return 0;
+  for (;;) {
+    if (conv->stack.top().n >= 0 ? walkArray(L, conv) : walkObject(L, conv)) continue;
+    if (conv->failed) return 0;
+    void *nest = conv->stack.top().nest;
+    if (nest) blob_nest_end(conv->buf, nest);
+    conv->stack.pop();
+    if (conv->stack.empty()) return 0;
+    // What the table's walk pushed for it, and the wrapper of an element.
+    const LuaBlobFrame &f = conv->stack.top();
+    if (f.n >= 0) {
+      lua_settop(L, -2);
+      blob_nest_end(conv->buf, f.wrapper);
+    } else {
+      lua_settop(L, -3);
+    }
+  }
 }
 
 void toBlobBody(lua_State *L, void *ud) {
-  auto *conv = static_cast<BlobConversion *>(ud);
-  lua_to_blob_value(L, 1, &conv->set, nullptr, conv->buf);
+  lua_to_blob_value(L, 1, static_cast<BlobConversion *>(ud), nullptr);
 }
 
-void json_to_blob_value(blob_buf *buf, const char *name, json_object *obj) noexcept;
+// A json-c container being written: the nest it opened (none for the
+// object at the top) and where its walk stands.
+struct JsonBlobFrame {
+  const array_list *elements;  // an array's, NULL for an object
+  lh_entry *next;              // an object's next member
+  size_t i;                    // an array's next element
+  void *nest;
+};
 
-void eachMember(blob_buf *buf, json_object *obj) noexcept {
-  json_object_object_foreach(obj, key, value) json_to_blob_value(buf, key, value);
+// Opens the container `obj` on the work stack, with its nest opened under
+// `name`; false when it writes nothing: no room in the buffer, or no memory
+// (*failed when the work stack could not grow).
+bool openContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, const char *name,
+                   json_object *obj, json_type type, bool *failed) noexcept {
+  const bool array = type == json_type_array;
+  void *nest = blobmsg_open_nested(buf, name, array);
+  if (!nest) return false;
+  JsonBlobFrame *frame = stack.push();
+  if (!frame) {
+    *failed = true;
+    return false;
+  }
+  if (array)
+    *frame = JsonBlobFrame{json_object_get_array(obj), nullptr, 0, nest};
+  else
+    *frame = JsonBlobFrame{nullptr, lh_table_head(json_object_get_object(obj)), 0, nest};
+  return true;
 }
 
-void json_to_blob_value(blob_buf *buf, const char *name, json_object *obj) noexcept {
-  switch (json_object_get_type(obj)) {
+// Appends `obj`, of `type`, which is no container.
+void scalarToBlob(blob_buf *buf, const char *name, json_object *obj, json_type type) noexcept {
+  switch (type) {
     case json_type_boolean:
       addBool(buf, name, json_object_get_boolean(obj));
       break;
@@ -157,50 +269,93 @@ void json_to_blob_value(blob_buf *buf, const char *name, json_object *obj) noexc
     case json_type_string:
       addString(buf, name, json_object_get_string(obj));
       break;
-    case json_type_object: {
-      void *table = blobmsg_open_nested(buf, name, false);
-      if (!table) break;
-      eachMember(buf, obj);
-      blob_nest_end(buf, table);
-      break;
-    }
-    case json_type_array: {
-      void *array = blobmsg_open_nested(buf, name, true);
-      if (!array) break;
-      const array_list *elements = json_object_get_array(obj);
-      for (size_t i = 0; i < elements->length; ++i)
-        json_to_blob_value(buf, nullptr, static_cast<json_object *>(elements->array[i]));
-      blob_nest_end(buf, array);
-      break;
-    }
     default:  // null
       break;
   }
 }
 
+// Appends the members or elements of the container on top of the work
+// stack from its next one on, until one is a container: true when that was
+// opened on the stack, false at the end; *failed when the work stack could
+// not grow.
+bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed) noexcept {
+  JsonBlobFrame &f = stack.top();
+  if (const array_list *elements = f.elements) {
+    for (size_t i = f.i; i < elements->length; ++i) {
+      auto *child = static_cast<json_object *>(elements->array[i]);
+      const json_type type = json_object_get_type(child);
+      if (!isContainer(type)) {
+        scalarToBlob(buf, nullptr, child, type);
+        continue;
+      }
+      f.i = i + 1;
+      if (openContainer(stack, buf, nullptr, child, type, failed)) return true;
+      if (*failed) return false;
+    }
+    return false;
+  }
+  for (lh_entry *entry = f.next; entry; entry = lh_entry_next(entry)) {
+    const auto *key = static_cast<const char *>(lh_entry_k(entry));
+    auto *child = static_cast<json_object *>(lh_entry_v(entry));
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      scalarToBlob(buf, key, child, type);
+      continue;
+    }
+    f.next = lh_entry_next(entry);
+    if (openContainer(stack, buf, key, child, type, failed)) return true;
+    if (*failed) return false;
+  }
+  return false;
+}
+
+// Appends the containers on the work stack, the top one opened by the
+// caller, until the stack is empty: each member and element in the order of
+// the recursion this replaces. False when the work stack could not grow.
+bool json_to_blob_value(WorkStack<JsonBlobFrame> &stack, blob_buf *buf) noexcept {
+  bool failed = false;
+  while (!stack.empty()) {
+    if (walkContainer(stack, buf, &failed)) continue;
+    if (failed) return false;
+    void *nest = stack.top().nest;
+    if (nest) blob_nest_end(buf, nest);
+    stack.pop();
+  }
+  return true;
+}
+
 }  // namespace
 
 void luaToBlob(lua_State *L, int index, blob_buf *buf) noexcept {
-  BlobConversion conv{visited_table_create(), buf};
+  // Not brace-initialised: that would clear the inline frames.
+  BlobConversion conv;
+  conv.set = visited_table_create();
   if (!conv.set) return;
-  // After a Lua error the buffer goes back to where it stood: the level the
-  // writer started on, with its length as it was. The head is kept as an
-  // offset, since the buffer may move while it grows.
-  size_t headAt = reinterpret_cast<char *>(buf->head) - static_cast<char *>(buf->buf);
-  uint32_t headWord;
-  memcpy(&headWord, buf->head, sizeof headWord);
-  if (runProtected(L, index, toBlobBody, &conv, 0) == 0) {
-    buf->head = reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + headAt);
-    memcpy(buf->head, &headWord, sizeof headWord);
-  }
+  conv.buf = buf;
+  const BlobMark mark = markOf(buf);
+  const int ran = runProtected(L, index, toBlobBody, &conv, 0);
+  if (ran == 0 || (ran == 1 && conv.failed)) rollBack(buf, mark);
+  conv.stack.release();
   free(conv.set);
 }
 
 void jsonToBlob(blob_buf *buf, json_object *obj) noexcept {
-  if (json_object_get_type(obj) == json_type_object)
-    eachMember(buf, obj);
+  const json_type type = json_object_get_type(obj);
+  if (!isContainer(type)) {
+    scalarToBlob(buf, nullptr, obj, type);
+    return;
+  }
+  WorkStack<JsonBlobFrame> stack;
+  const BlobMark mark = markOf(buf);
+  bool failed = false;
+  // An object at the top has no attribute of its own: its members go
+  // straight into the buffer. The first frame is always inline.
+  if (type == json_type_object)
+    *stack.push() = JsonBlobFrame{nullptr, lh_table_head(json_object_get_object(obj)), 0, nullptr};
   else
-    json_to_blob_value(buf, nullptr, obj);
+    openContainer(stack, buf, nullptr, obj, type, &failed);
+  if (failed || !json_to_blob_value(stack, buf)) rollBack(buf, mark);
+  stack.release();
 }
 
 }  // namespace rk::bridge

@@ -1,10 +1,13 @@
 // json-c objects to Lua values.
 #include <routerkit/data_bridge.h>
 
+#include <type_traits>
+
 #include <json-c/json.h>
 
 #include "bridge/bridge.h"
 #include "bridge/lua_protect.h"
+#include "bridge/work_stack.h"
 
 namespace rk::bridge {
 namespace {
@@ -14,11 +17,28 @@ constexpr int kLevelSlots = 2;
 // Elements or members a new table is sized for at most before it fills.
 constexpr size_t kMaxPresize = 1024;
 
-// Pushes `obj` as a Lua value. A level the stack has no room for becomes nil
-// (the parent kept a slot for it). Runs under runProtected, so not noexcept
-// (see docs/internals.md, "Lua: errors are jumps").
-void pushJson(lua_State *L, json_object *obj) {
-  switch (json_object_get_type(obj)) {
+// A container whose table is on the Lua stack, being filled.
+struct LuaFrame {
+  const array_list *elements;  // an array's, NULL for an object
+  lh_entry *next;              // an object's next member
+  const char *key;             // an object's member in hand
+  size_t i;                    // an array's next element
+};
+
+struct LuaConversion {
+  json_object *obj = nullptr;
+  WorkStack<LuaFrame> stack;
+  bool failed = false;  // the work stack could not grow
+};
+static_assert(std::is_trivially_destructible_v<LuaConversion>,
+              "a Lua error may jump over the frame that holds it");
+
+// From here on the converters run under runProtected, so they are not
+// noexcept (see docs/internals.md, "Lua: errors are jumps").
+
+// Pushes `obj`, of `type`, which is no container.
+void pushScalar(lua_State *L, json_object *obj, json_type type) {
+  switch (type) {
     case json_type_boolean:
       lua_pushboolean(L, json_object_get_boolean(obj));
       break;
@@ -36,46 +56,119 @@ void pushJson(lua_State *L, json_object *obj) {
     case json_type_string:
       lua_pushstring(L, json_object_get_string(obj));
       break;
-    case json_type_array: {
-      if (!lua_checkstack(L, kLevelSlots)) {
-        lua_pushnil(L);
-        break;
-      }
-      const array_list *elements = json_object_get_array(obj);
-      const size_t n = elements->length;
-      lua_createtable(L, n < kMaxPresize ? static_cast<int>(n) : 0, 0);
-      for (size_t i = 0; i < n; ++i) {
-        pushJson(L, static_cast<json_object *>(elements->array[i]));
-        lua_rawseti(L, -2, static_cast<int>(i + 1));
-      }
-      break;
-    }
-    case json_type_object: {
-      if (!lua_checkstack(L, kLevelSlots)) {
-        lua_pushnil(L);
-        break;
-      }
-      const int members = json_object_object_length(obj);
-      lua_createtable(L, 0, members < static_cast<int>(kMaxPresize) ? members : 0);
-      json_object_object_foreach(obj, key, value) {
-        pushJson(L, value);
-        lua_setfield(L, -2, key);
-      }
-      break;
-    }
     default:  // null
       lua_pushnil(L);
       break;
   }
 }
 
-void pushJsonBody(lua_State *L, void *ud) { pushJson(L, static_cast<json_object *>(ud)); }
+// Pushes the table of the container `obj` and opens it on the work stack;
+// false when it pushed nil instead (the parent kept a slot for it) because
+// the Lua stack has no room for another level, or pushed nothing because
+// the work stack could not grow (conv->failed).
+bool openContainer(lua_State *L, json_object *obj, json_type type, LuaConversion *conv) {
+  if (!lua_checkstack(L, kLevelSlots)) {
+    lua_pushnil(L);
+    return false;
+  }
+  LuaFrame *frame = conv->stack.push();
+  if (!frame) {
+    conv->failed = true;
+    return false;
+  }
+  if (type == json_type_array) {
+    const array_list *elements = json_object_get_array(obj);
+    const size_t n = elements->length;
+    *frame = LuaFrame{elements, nullptr, nullptr, 0};
+    lua_createtable(L, n < kMaxPresize ? static_cast<int>(n) : 0, 0);
+  } else {
+    const int members = json_object_object_length(obj);
+    *frame = LuaFrame{nullptr, lh_table_head(json_object_get_object(obj)), nullptr, 0};
+    lua_createtable(L, 0, members < static_cast<int>(kMaxPresize) ? members : 0);
+  }
+  return true;
+}
+
+// Pushes the elements of the array on top of the work stack from its next
+// one on, each stored in its table, until one is a container: true when
+// that was opened on the stack, false at the end or when the work stack
+// could not grow (conv->failed).
+bool walkArray(lua_State *L, LuaConversion *conv) {
+  const LuaFrame &f = conv->stack.top();
+  const array_list *elements = f.elements;
+  for (size_t i = f.i; i < elements->length; ++i) {
+    auto *child = static_cast<json_object *>(elements->array[i]);
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      pushScalar(L, child, type);
+    } else {
+      conv->stack.top().i = i + 1;
+      if (openContainer(L, child, type, conv)) return true;
+      if (conv->failed) return false;
+    }
+    lua_rawseti(L, -2, static_cast<int>(i + 1));
+  }
+  return false;
+}
+
+// The same for the members of the object on top of the work stack.
+bool walkObject(lua_State *L, LuaConversion *conv) {
+  for (lh_entry *entry = conv->stack.top().next; entry; entry = lh_entry_next(entry)) {
+    const auto *key = static_cast<const char *>(lh_entry_k(entry));
+    auto *child = static_cast<json_object *>(lh_entry_v(entry));
+    const json_type type = json_object_get_type(child);
+    if (!isContainer(type)) {
+      pushScalar(L, child, type);
+    } else {
+      LuaFrame &top = conv->stack.top();
+      top.next = lh_entry_next(entry);
+      top.key = key;
+      if (openContainer(L, child, type, conv)) return true;
+      if (conv->failed) return false;
+    }
+    lua_setfield(L, -2, key);
+  }
+  return false;
+}
+
+// Pushes `obj` as a Lua value. Containers are walked with the work stack, in
+// the order of the recursion this replaces, with the same Lua stack on each
+// level; a level the Lua stack has no room for becomes nil.
+void pushJson(lua_State *L, LuaConversion *conv) {
+  const json_type type = json_object_get_type(conv->obj);
+  if (!isContainer(type)) {
+    pushScalar(L, conv->obj, type);
+    return;
+  }
+  if (!openContainer(L, conv->obj, type, conv)) return;
+  for (;;) {
+    if (conv->stack.top().elements ? walkArray(L, conv) : walkObject(L, conv)) continue;
+    if (conv->failed) return;
+    conv->stack.pop();
+    if (conv->stack.empty()) return;
+    // The container just filled goes into its parent's table.
+    const LuaFrame &f = conv->stack.top();
+    if (f.elements)
+      lua_rawseti(L, -2, static_cast<int>(f.i));
+    else
+      lua_setfield(L, -2, f.key);
+  }
+}
+
+void pushJsonBody(lua_State *L, void *ud) { pushJson(L, static_cast<LuaConversion *>(ud)); }
 
 }  // namespace
 
 void jsonToLua(lua_State *L, json_object *obj) noexcept {
-  // A Lua error (out of memory) inside still leaves one value: nil.
-  if (runProtected(L, 0, pushJsonBody, obj, 1) == 0) lua_pushnil(L);
+  // Not brace-initialised: that would clear the inline frames.
+  LuaConversion conv;
+  conv.obj = obj;
+  // A Lua error (out of memory) inside, or a work stack that could not grow,
+  // still leaves one value: nil.
+  const int ran = runProtected(L, 0, pushJsonBody, &conv, 1);
+  if (ran == 1 && conv.failed) lua_settop(L, -2);
+  if (ran == 0 || (ran == 1 && conv.failed)) lua_pushnil(L);
+  conv.stack.release();
 }
 
 }  // namespace rk::bridge

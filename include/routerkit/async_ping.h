@@ -77,8 +77,8 @@ typedef void (*AsyncPingReplyCallback)(AsyncPingContext *context, const char *ad
  * its own behind the record, in the same allocation.
  */
 struct AsyncPingContext {
-  struct uloop_fd pingSock;   /* raw ICMP */
-  struct uloop_fd ping6Sock;  /* raw ICMPv6 */
+  struct uloop_fd pingSock;   /* ICMP, raw or unprivileged */
+  struct uloop_fd ping6Sock;  /* ICMPv6, raw or unprivileged */
   uint16_t id;                /* echo identifier, network order; 0 when unprivileged */
   uint16_t seq;               /* next sequence number, host order, both families */
   AsyncPingCallback callback; /* may be NULL: replies are then read and dropped */

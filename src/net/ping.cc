@@ -55,8 +55,8 @@ static_assert(std::is_standard_layout_v<PingBox> && offsetof(PingBox, record) ==
 PingBox *boxOf(AsyncPingContext *context) noexcept { return reinterpret_cast<PingBox *>(context); }
 const PingBox *boxOf(const AsyncPingContext *context) noexcept { return reinterpret_cast<const PingBox *>(context); }
 
-// One per process: each context takes the next identifier, so contexts of
-// one process drop each other's replies (every raw socket sees every ICMP
+// One per process: each raw context takes the next identifier, so contexts
+// of one process drop each other's replies (every raw socket sees every ICMP
 // message). Stepped without a lock, like the rest, on the loop's thread.
 uint32_t pingCounter = 0;
 

@@ -4,17 +4,20 @@
 //   ping_bench cpu [ROUNDS] [BURSTS]
 //       CPU time (this thread: user + system) per echo reply handled, with a
 //       burst of 64 requests in flight (127.0.0.1 .. 127.0.0.64, all answered
-//       by the kernel). Three clients take turns, BURSTS bursts each per round:
+//       by the kernel). Four clients take turns, BURSTS bursts each per round:
 //         routerkit  asyncPing4 on the uloop, one datagram per read event
+//         unprivileged  the same on asyncPing_createUnprivileged's sockets
+//                    (the process's group must be in ping_group_range)
 //         liboping   ping_send() over the same 64 hosts (same payload size)
 //         floor      a bare raw socket on the same uloop that reads one
 //                    datagram per event and registers again, as routerkit must,
 //                    and does nothing else
 //       Prints the median of the rounds for each and the ratios.
 //   ping_bench rtt ADDRESS [COUNT]
-//       The round-trip time the callback reports for COUNT requests, one at a
-//       time, beside iputils ping's own figures for the same address.
-//   ping_bench burst routerkit|liboping|floor BURSTS
+//       The round-trip time the callbacks report for COUNT requests, one at a
+//       time (whole ms; microseconds from the reply callback on either kind
+//       of socket), beside iputils ping's own figures for the same address.
+//   ping_bench burst routerkit|unprivileged|liboping|floor BURSTS
 //       BURSTS bursts of one client only, for whole-process timings.
 //
 // Needs raw sockets; run it through bench/run-ping-bench.sh (private
@@ -42,6 +45,7 @@ namespace {
 
 constexpr int kInFlight = 64;
 constexpr int kBurstTimeoutMs = 2000;  // a burst with a lost reply ends here and counts what came
+constexpr double kMicrosecondsPerMs = 1000;
 
 uint64_t threadCpuNs() {
   timespec ts;
@@ -91,7 +95,12 @@ void runBurst() {
 
 class Routerkit : public Client {
  public:
-  Routerkit() : ctx_(asyncPing_create(&Routerkit::onReply)), targets_(burstTargets()) {}
+  // Raw or unprivileged sockets; the reply callback's microseconds when `timed`.
+  explicit Routerkit(bool unprivileged = false, bool timed = false)
+      : ctx_(unprivileged ? asyncPing_createUnprivileged(&Routerkit::onReply) : asyncPing_create(&Routerkit::onReply)),
+        targets_(burstTargets()) {
+    if (ctx_ != nullptr && timed) asyncPing_setReplyCallback(ctx_, &Routerkit::onTimedReply);
+  }
   ~Routerkit() override { asyncPing_destroy(ctx_); }
   bool ok() const override { return ctx_ != nullptr; }
   uint64_t burst() override {
@@ -115,6 +124,10 @@ class Routerkit : public Client {
     g_delays.push_back(delay);
     countReply();
     return 0;
+  }
+  static void onTimedReply(AsyncPingContext *, const char *, uint16_t, uint32_t microseconds) {
+    g_delays.push_back(microseconds);
+    countReply();
   }
   AsyncPingContext *ctx_;
   std::vector<std::string> targets_;
@@ -209,27 +222,30 @@ class Floor : public Client {
 };
 uint16_t Floor::id_ = 0;
 
-const char *const kClients[3] = {"routerkit", "liboping", "floor"};
+constexpr int kClientCount = 4;
+const char *const kClients[kClientCount] = {"routerkit", "unprivileged", "liboping", "floor"};
 
 // Only one client may hold a socket at a time: every raw socket reads every
 // ICMP datagram, and another client's reading would count as this one's CPU.
 std::unique_ptr<Client> makeClient(const std::string &name) {
   std::unique_ptr<Client> c;
   if (name == kClients[0]) c.reset(new Routerkit());
-  if (name == kClients[1]) c.reset(new Liboping());
-  if (name == kClients[2]) c.reset(new Floor());
+  if (name == kClients[1]) c.reset(new Routerkit(true));
+  if (name == kClients[2]) c.reset(new Liboping());
+  if (name == kClients[3]) c.reset(new Floor());
   if (c && !c->ok()) {
-    fprintf(stderr, "%s: cannot start (raw sockets need root)\n", name.c_str());
+    fprintf(stderr, "%s: cannot start (raw sockets need root, unprivileged ones a group in ping_group_range)\n",
+            name.c_str());
     c.reset();
   }
   return c;
 }
 
 int cpuMode(int rounds, int bursts) {
-  std::vector<double> perReply[3];
-  uint64_t lost[3] = {};
+  std::vector<double> perReply[kClientCount];
+  uint64_t lost[kClientCount] = {};
   for (int r = 0; r < rounds; r++) {
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < kClientCount; i++) {
       std::unique_ptr<Client> c = makeClient(kClients[i]);
       if (!c) return 1;
       c->burst();  // warm up: sockets, caches, the kernel's routes
@@ -241,14 +257,16 @@ int cpuMode(int rounds, int bursts) {
       if (replies > 0) perReply[i].push_back(static_cast<double>(t1 - t0) / static_cast<double>(replies));
     }
   }
-  double m[3];
-  for (int i = 0; i < 3; i++) {
+  double m[kClientCount];
+  for (int i = 0; i < kClientCount; i++) {
     m[i] = median(perReply[i]);
-    printf("cpu per reply, %-9s %8.0f ns  (median of %d rounds of %d bursts of %d; %llu replies lost)\n", kClients[i],
+    printf("cpu per reply, %-12s %8.0f ns  (median of %d rounds of %d bursts of %d; %llu replies lost)\n", kClients[i],
            m[i], rounds, bursts, kInFlight, static_cast<unsigned long long>(lost[i]));
   }
-  printf("ratio routerkit/liboping %.2f (target <= 1.00), routerkit/floor %.2f (target <= 1.15)\n", m[0] / m[1],
-         m[0] / m[2]);
+  printf("ratio routerkit/liboping %.2f (target <= 1.00), routerkit/floor %.2f (target <= 1.15)\n", m[0] / m[2],
+         m[0] / m[3]);
+  printf("ratio unprivileged/routerkit %.2f, unprivileged/liboping %.2f, unprivileged/floor %.2f\n", m[1] / m[0],
+         m[1] / m[2], m[1] / m[3]);
   return 0;
 }
 
@@ -261,15 +279,24 @@ int burstMode(const std::string &which, int bursts) {
   return replies > 0 ? 0 : 1;
 }
 
-int rttMode(const char *address, int count) {
-  Routerkit ours;
-  if (!ours.ok()) return 1;
+// The median of COUNT round trips, one request at a time, in ms; one client
+// at a time, so that no other socket's events come first.
+double routerkitMedian(bool unprivileged, bool timed, const char *address, int count, size_t *got) {
+  Routerkit client(unprivileged, timed);
   g_delays.clear();
-  for (int i = 0; i < count; i++) {
-    ours.once(address);
+  for (int i = 0; client.ok() && i < count; i++) {
+    client.once(address);
     usleep(10000);
   }
-  std::vector<double> mine(g_delays.begin(), g_delays.end());
+  *got = g_delays.size();
+  return median(std::vector<double>(g_delays.begin(), g_delays.end())) / (timed ? kMicrosecondsPerMs : 1);
+}
+
+int rttMode(const char *address, int count) {
+  size_t n[3];
+  const double a = routerkitMedian(false, false, address, count, &n[0]);
+  const double us[2] = {routerkitMedian(false, true, address, count, &n[1]),
+                        routerkitMedian(true, true, address, count, &n[2])};
   // iputils ping to the same address, its per-reply "time=" figures.
   const std::string cmd = std::string("ping -n -c ") + std::to_string(count) + " -i 0.01 " + address + " 2>&1";
   std::vector<double> theirs;
@@ -280,11 +307,13 @@ int rttMode(const char *address, int count) {
     }
     pclose(p);
   }
-  const double a = median(mine), b = median(theirs);
-  printf("rtt %-10s routerkit median %.3f ms (%zu of %d, whole ms)   iputils ping median %.3f ms (%zu of %d)   "
-         "difference %+.3f ms\n",
-         address, a, mine.size(), count, b, theirs.size(), count, a - b);
-  return mine.empty() || theirs.empty();
+  const double b = median(theirs);
+  printf("rtt %-10s iputils ping median %.3f ms (%zu of %d)\n"
+         "    routerkit whole ms %.3f ms (%zu)   difference %+.3f ms\n"
+         "    routerkit microseconds, raw %.3f ms (%zu)   difference %+.3f ms\n"
+         "    routerkit microseconds, unprivileged %.3f ms (%zu)   difference %+.3f ms\n",
+         address, b, theirs.size(), count, a, n[0], a - b, us[0], n[1], us[0] - b, us[1], n[2], us[1] - b);
+  return n[0] == 0 || n[1] == 0 || n[2] == 0 || theirs.empty();
 }
 
 }  // namespace

@@ -3,12 +3,15 @@
 #
 # Measures the ping client inside the private namespaces of
 # tests/support/rk-ns-run, with a peer namespace one veth hop away:
-#   1. round-trip times the callback reports for 127.0.0.1, ::1 and the peer
+#   1. round-trip times the callbacks report for 127.0.0.1, ::1 and the peer
 #      (10.9.0.2, fd09::2) beside iputils ping to the same addresses: medians
-#      and their difference (the callback's delay is in whole milliseconds)
+#      and their difference (the millisecond callback's whole ms; the reply
+#      callback's microseconds on raw and on unprivileged sockets)
 #   2. CPU time per reply handled with a burst of 64 requests in flight,
-#      routerkit beside liboping and a bare raw-socket client of the same
-#      event shape (the floor); the clients take turns, medians of the rounds
+#      routerkit on raw and on unprivileged sockets beside liboping and a bare
+#      raw-socket client of the same event shape (the floor); the clients take
+#      turns, medians of the rounds
+# The namespace lets group 0 open unprivileged ICMP sockets.
 # The build dir needs -DROUTERKIT_BUILD_BENCH=ON, a release build type
 # (RelWithDebInfo) and `ninja -C <build-dir> ping_bench`.
 set -eu
@@ -29,6 +32,7 @@ ip link set rk0 up
 ip -n peer addr add 10.9.0.2/24 dev rk1
 ip -n peer addr add fd09::2/64 dev rk1 nodad
 ip -n peer link set rk1 up
+sysctl -qw net.ipv4.ping_group_range="0 0"
 ping -n -c 1 -W 3 fd09::2 >/dev/null  # neighbour discovery done before timing
 echo "== 1. round-trip time: routerkit callback vs iputils ping"
 for a in 127.0.0.1 ::1 10.9.0.2 fd09::2; do "$bench" rtt $a $count; done

@@ -7,7 +7,9 @@
  * "reachd"), then, each round, on one uloop:
  *   1. resolves the targets that are names with the async DNS client,
  *   2. pings every target COUNT times, INTERVAL ms apart, with the async
- *      ping client, and waits TIMEOUT ms for late replies,
+ *      ping client (on unprivileged ICMP sockets where the daemon's group is
+ *      in net.ipv4.ping_group_range, else on raw ones), and waits TIMEOUT ms
+ *      for late replies; a reply counts once, for a request of this round,
  *   3. records each target's mean round trip in the internet delay record,
  *      logs a line per target, and calls the Lua hook's on_round() with the
  *      results.
@@ -52,12 +54,12 @@ struct target {
   char address[INET6_ADDRSTRLEN]; /* empty until known */
   int family;
   unsigned sent, received;
-  unsigned long long rtt_sum;
+  unsigned long long rtt_sum; /* microseconds */
 };
 
-/* The callbacks of both clients get no pointer of ours: the daemon's state
- * is one static record. */
-static struct {
+/* The DNS client's callback gets no pointer of ours: the daemon's state is
+ * one static record, which the ping client hands back as its user data. */
+static struct reachd {
   const char *package;
   uint32_t count, interval, timeout, period;
   char hook_path[TEXT];
@@ -67,6 +69,8 @@ static struct {
   AsyncPingContext *ping;
   LuaHelper *hook;
   uint32_t sends_done;
+  uint16_t first_seq;                  /* the ping client's first sequence number of the round */
+  unsigned char answered[65536 / 8];   /* a bit per sequence number: replied to */
   struct uloop_timeout resolve_deadline, send_timer, round_end, next_round;
   int once, failed;
 } d;
@@ -156,17 +160,21 @@ static int on_dns(AsyncDnsContext *ctx, const char *name, DnsResult *result) {
   return 0;
 }
 
-static int on_reply(AsyncPingContext *ctx, const char *address, uint32_t delay) {
+static void on_reply(AsyncPingContext *ctx, const char *address, uint16_t seq, uint32_t us) {
+  struct reachd *self = asyncPing_getUserData(ctx);
+  unsigned char bit = (unsigned char)(1u << seq % 8);
   int i;
-  (void)ctx;
-  for (i = 0; i < d.ntargets; i++) {
-    struct target *t = &d.targets[i];
-    if (strcmp(t->address, address) != 0 || t->received >= t->sent) continue;
+  /* Sequence numbers tell a duplicate, and a late reply to an earlier round. */
+  if ((uint16_t)(seq - self->first_seq) >= (uint16_t)(ctx->seq - self->first_seq) || self->answered[seq / 8] & bit)
+    return;
+  self->answered[seq / 8] |= bit;
+  for (i = 0; i < self->ntargets; i++) {
+    struct target *t = &self->targets[i];
+    if (strcmp(t->address, address) != 0) continue;
     t->received++;
-    t->rtt_sum += delay;
+    t->rtt_sum += us;
     break;
   }
-  return 0;
 }
 
 /* ---- the Lua hook ------------------------------------------------------ */
@@ -203,14 +211,14 @@ static void end_round(struct uloop_timeout *timer) {
   for (i = 0; i < d.ntargets; i++) {
     struct target *t = &d.targets[i];
     struct json_object *o = json_object_new_object();
-    unsigned avg = t->received ? (unsigned)(t->rtt_sum / t->received) : 0;
+    double avg = t->received ? (double)t->rtt_sum / t->received / 1000 : 0; /* ms */
     if (!t->address[0]) {
       log_warn("%s: %s not resolved", t->label, t->host);
     } else if (!t->received) {
       log_warn("%s: %s (%s) no reply to %u requests", t->label, t->host, t->address, t->sent);
     } else {
-      log_info("%s: %s (%s) %u/%u replies, %u ms", t->label, t->host, t->address, t->received, t->sent, avg);
-      setInternetDelay(t->label, avg);
+      log_info("%s: %s (%s) %u/%u replies, %.3f ms", t->label, t->host, t->address, t->received, t->sent, avg);
+      setInternetDelay(t->label, (uint32_t)avg); /* whole ms */
     }
     d.failed |= t->received == 0;
     json_object_object_add(o, "label", json_object_new_string(t->label));
@@ -218,7 +226,7 @@ static void end_round(struct uloop_timeout *timer) {
     json_object_object_add(o, "address", t->address[0] ? json_object_new_string(t->address) : NULL);
     json_object_object_add(o, "sent", json_object_new_int((int)t->sent));
     json_object_object_add(o, "received", json_object_new_int((int)t->received));
-    json_object_object_add(o, "avg_ms", t->received ? json_object_new_int((int)avg) : NULL);
+    json_object_object_add(o, "avg_ms", t->received ? json_object_new_double(avg) : NULL);
     json_object_array_add(list, o);
   }
   json_object_object_add(round, "targets", list);
@@ -234,7 +242,9 @@ static void send_round(struct uloop_timeout *timer) {
   int i;
   for (i = 0; i < d.ntargets; i++) {
     struct target *t = &d.targets[i];
+    uint16_t seq = d.ping->seq; /* the one this request carries */
     if (!t->address[0]) continue;
+    d.answered[seq / 8] &= (unsigned char)~(1u << seq % 8);
     if ((t->family == AF_INET6 ? asyncPing6(d.ping, t->address) : asyncPing4(d.ping, t->address)) >= 0) t->sent++;
   }
   if (++d.sends_done < d.count)
@@ -246,6 +256,7 @@ static void send_round(struct uloop_timeout *timer) {
 static void names_done(struct uloop_timeout *timer) {
   (void)timer;
   d.sends_done = 0;
+  d.first_seq = d.ping->seq;
   uloop_timeout_set(&d.send_timer, 0);
 }
 
@@ -294,11 +305,15 @@ int main(int argc, char **argv) {
 
   if (uloop_init() != 0) return 1;
   d.dns = asyncDns_create(on_dns);
-  d.ping = asyncPing_create(on_reply);
+  d.ping = asyncPing_createUnprivileged(NULL); /* EACCES: the group is not let in */
+  if (!d.ping) d.ping = asyncPing_create(NULL); /* raw sockets: root or CAP_NET_RAW */
   if (!d.dns || !d.ping) {
-    fprintf(stderr, "reachd: cannot open the DNS or ICMP sockets (raw sockets need root)\n");
+    fprintf(stderr, "reachd: cannot open the DNS or ICMP sockets (ICMP needs a group in "
+                    "net.ipv4.ping_group_range, or root)\n");
     return 1;
   }
+  asyncPing_setReplyCallback(d.ping, on_reply);
+  asyncPing_setUserData(d.ping, &d);
   add_servers();
   if (uciGetOptionString(d.package, "reachd", NULL, "hook", d.hook_path, sizeof d.hook_path) == 0) {
     d.hook = CreateLuaHelper(d.hook_path); /* failures are logged by the library */

@@ -19,6 +19,13 @@
  *
  * A context belongs to the thread of its loop; a callback must not destroy
  * its own context.
+ *
+ * Opt in, per context: asyncPing_createUnprivileged opens unprivileged ICMP
+ * sockets instead of raw ones (no root needed where the process's group is in
+ * net.ipv4.ping_group_range); asyncPing_setReplyCallback gives each reply
+ * its request's sequence number and a round trip in microseconds; a pointer
+ * of the caller's rides along with asyncPing_setUserData. A context that uses
+ * none of them behaves, and puts bytes on the wire, as described above.
  */
 #ifndef ROUTERKIT_ASYNC_PING_H
 #define ROUTERKIT_ASYNC_PING_H
@@ -54,23 +61,44 @@ typedef struct AsyncPingContext AsyncPingContext;
 /* Receives each matching echo reply: the context, the replier's address as
  * text, the round-trip time in milliseconds. The result is not used. */
 typedef int (*AsyncPingCallback)(AsyncPingContext *context, const char *address, uint32_t delay);
+/* Receives each echo reply instead of the AsyncPingCallback once set: the
+ * replier's address as text, the sequence number of the request it answers
+ * (as sent, host order) and the round trip in microseconds of the monotonic
+ * clock. */
+typedef void (*AsyncPingReplyCallback)(AsyncPingContext *context, const char *address, uint16_t sequence,
+                                       uint32_t microseconds);
 
 /*
  * The client record. pingSock is the first member and ping6Sock lies directly
  * behind it: the socket handlers find the context from the uloop_fd. A
  * descriptor of -1 marks a socket lost to an error or end-of-file event;
  * sends for that family then give -1, and it is not opened again.
+ * Contexts come only from the two creators: the library keeps more state of
+ * its own behind the record, in the same allocation.
  */
 struct AsyncPingContext {
-  struct uloop_fd pingSock;   /* raw ICMP */
-  struct uloop_fd ping6Sock;  /* raw ICMPv6 */
-  uint16_t id;                /* echo identifier, network order */
+  struct uloop_fd pingSock;   /* ICMP, raw or unprivileged */
+  struct uloop_fd ping6Sock;  /* ICMPv6, raw or unprivileged */
+  uint16_t id;                /* echo identifier, network order; 0 when unprivileged */
   uint16_t seq;               /* next sequence number, host order, both families */
   AsyncPingCallback callback; /* may be NULL: replies are then read and dropped */
 };
 
 /* NULL when out of memory or when either raw socket can't be opened. */
 RK_API AsyncPingContext *asyncPing_create(AsyncPingCallback callback);
+/* The same context on unprivileged ICMP sockets (SOCK_DGRAM): the kernel
+ * sets each socket's identifier and hands it only its own replies. NULL when
+ * out of memory or when either socket can't be opened; errno then tells why:
+ * EACCES when no group of the process is in net.ipv4.ping_group_range. */
+RK_API AsyncPingContext *asyncPing_createUnprivileged(AsyncPingCallback callback);
+/* Replies run `callback` instead of the millisecond one from now on, and
+ * requests carry a microsecond send time (an IPv6 request grows to 24 bytes);
+ * NULL goes back to the millisecond callback. 0, or -1 for a NULL context. */
+RK_API int asyncPing_setReplyCallback(AsyncPingContext *context, AsyncPingReplyCallback callback);
+/* A pointer of the caller's, kept with the context and never looked at. */
+RK_API void asyncPing_setUserData(AsyncPingContext *context, void *userData);
+/* What asyncPing_setUserData kept; NULL before, and for a NULL context. */
+RK_API void *asyncPing_getUserData(const AsyncPingContext *context);
 /* Removes the sockets from the loop, closes them and frees the context;
  * 0, or -1 for NULL. Not from inside the context's own callback. */
 RK_API int asyncPing_destroy(AsyncPingContext *context);

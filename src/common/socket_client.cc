@@ -4,6 +4,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "diag/logmsg.h"
 
 namespace rk {
@@ -16,13 +18,17 @@ constexpr int32_t kSocketReceiveBuffer = 0x20000;
 int openClientSocket(const char *origin, int domain, int type, int protocol) noexcept {
   const int fd = socket(domain, type | SOCK_CLOEXEC, protocol);
   if (fd < 0) {
+    const int error = errno;
     RK_LOG_AS(error, origin, "error create sock");
+    errno = error;
     return -1;
   }
   const int32_t size = kSocketReceiveBuffer;
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0) {
+    const int error = errno;
     RK_LOG_AS(error, origin, "setsockopt:SO_RCVBUF");
     close(fd);
+    errno = error;
     return -1;
   }
   return fd;

@@ -19,7 +19,8 @@ enum class CloseRule {
 
 // A socket of `type` (SOCK_DGRAM, SOCK_RAW) with a receive buffer of 0x20000
 // bytes, or -1. Failures are logged as "[<origin>:<line>]error create sock"
-// and "[<origin>:<line>]setsockopt:SO_RCVBUF".
+// and "[<origin>:<line>]setsockopt:SO_RCVBUF"; errno stays as the failed
+// call left it.
 int openClientSocket(const char *origin, int domain, int type, int protocol) noexcept;
 
 // Stores `fd` in `u` and, when it is a descriptor, registers it for reading

@@ -1,6 +1,7 @@
 // ICMP and ICMPv6 echo on the caller's uloop. The send tick travels in the
 // echo payload, so nothing is kept per request: a reply carries everything
-// its round-trip time needs.
+// its round-trip time needs. Raw sockets by default, unprivileged ICMP
+// sockets on request.
 #include <routerkit/async_ping.h>
 
 #include <arpa/inet.h>
@@ -8,8 +9,10 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <type_traits>
 
 #include "common/socket_client.h"
@@ -26,6 +29,7 @@ namespace {
 
 constexpr size_t kEcho4Size = 36;                // header, tick, 20 bytes of zeros
 constexpr size_t kEcho6Size = 16;                // header, tick
+constexpr size_t kEcho6TimedSize = 24;           // header, tick, microseconds (with a reply callback)
 constexpr size_t kPingReceiveBufferSize = 1024;  // a longer reply is cut; its fields lie in front
 constexpr size_t kAddressTextSize = 46;          // INET6_ADDRSTRLEN
 constexpr uint8_t kEchoRequest4 = 8, kEchoReply4 = 0;
@@ -33,10 +37,26 @@ constexpr uint8_t kEchoRequest6 = 128, kEchoReply6 = 129;
 constexpr int kIcmp6FilterOption = 1;    // ICMP6_FILTER at level IPPROTO_ICMPV6
 constexpr size_t kIcmp6FilterWords = 8;  // a bit per message type
 // Offsets inside an echo message.
-constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8;
+constexpr size_t kChecksumAt = 2, kIdAt = 4, kSeqAt = 6, kTickAt = 8, kMicrosecondsAt = 16;
+constexpr uint64_t kMicrosecondsPerSecond = 1000000, kNanosecondsPerMicrosecond = 1000;
+constexpr uint64_t kMicrosecondsPerTick = 1000;
 
-// One per process: each context takes the next identifier, so contexts of
-// one process drop each other's replies (every raw socket sees every ICMP
+// The library's own state of a context, behind the published record in the
+// one allocation the creators make: the record comes first, so the context
+// pointer is the box's.
+struct PingBox {
+  AsyncPingContext record;
+  AsyncPingReplyCallback replyCallback;  // replaces record.callback when set
+  void *userData;
+  bool unprivileged;  // SOCK_DGRAM sockets: the kernel owns the identifier
+};
+static_assert(std::is_standard_layout_v<PingBox> && offsetof(PingBox, record) == 0, "a context is its box");
+
+PingBox *boxOf(AsyncPingContext *context) noexcept { return reinterpret_cast<PingBox *>(context); }
+const PingBox *boxOf(const AsyncPingContext *context) noexcept { return reinterpret_cast<const PingBox *>(context); }
+
+// One per process: each raw context takes the next identifier, so contexts
+// of one process drop each other's replies (every raw socket sees every ICMP
 // message). Stepped without a lock, like the rest, on the loop's thread.
 uint32_t pingCounter = 0;
 
@@ -63,10 +83,19 @@ uint16_t pingChecksum(const uint8_t *buffer, size_t length) noexcept {
   return static_cast<uint16_t>(~sum);
 }
 
-int createPingSock(int domain, int protocol) noexcept {
-  const int fd = openClientSocket(__func__, domain, SOCK_RAW, protocol);
+uint64_t monotonicMicroseconds() noexcept {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * kMicrosecondsPerSecond +
+         static_cast<uint64_t>(ts.tv_nsec) / kNanosecondsPerMicrosecond;
+}
+
+// `type` is SOCK_RAW, or SOCK_DGRAM for an unprivileged socket, which is
+// handed echo replies only and refuses the filter (ENOPROTOOPT).
+int createPingSock(int domain, int type, int protocol) noexcept {
+  const int fd = openClientSocket(__func__, domain, type, protocol);
   if (fd < 0) return -1;
-  if (domain == AF_INET6) {
+  if (domain == AF_INET6 && type == SOCK_RAW) {
     // A set bit blocks its type: router and neighbour discovery and
     // redirects (133..137), which a busy link has plenty of, never reach us.
     uint32_t filter[kIcmp6FilterWords] = {};
@@ -78,7 +107,8 @@ int createPingSock(int domain, int protocol) noexcept {
 }
 
 // Builds an echo request of `length` bytes in `packet` (zeroed by the
-// caller) and sends it. The sequence counter is shared by both families.
+// caller) and sends it. The sequence counter is shared by both families. On
+// an unprivileged socket the kernel puts in its own identifier and checksum.
 int sendEcho(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, size_t length,
              const struct sockaddr *address, socklen_t addressLength) noexcept {
   packet[0] = type;
@@ -87,6 +117,10 @@ int sendEcho(AsyncPingContext *context, int fd, uint8_t type, uint8_t *packet, s
   memcpy(packet + kSeqAt, &seq, sizeof seq);
   const uint64_t tick = GetTickCount();
   memcpy(packet + kTickAt, &tick, sizeof tick);
+  if (boxOf(context)->replyCallback != nullptr) {
+    const uint64_t sent = monotonicMicroseconds();
+    memcpy(packet + kMicrosecondsAt, &sent, sizeof sent);
+  }
   const uint16_t sum = pingChecksum(packet, length);
   memcpy(packet + kChecksumAt, &sum, sizeof sum);
   return static_cast<int>(sendto(fd, packet, length, 0, address, addressLength));
@@ -102,9 +136,30 @@ int sendPing4(AsyncPingContext *context, const struct sockaddr *address) noexcep
 int sendPing6(AsyncPingContext *context, const struct sockaddr *address) noexcept {
   if (context == nullptr || context->ping6Sock.fd < 0 || address == nullptr) return -1;
   // The kernel puts the ICMPv6 checksum (with its pseudo-header) in itself.
-  uint8_t packet[kEcho6Size] = {};
-  return sendEcho(context, context->ping6Sock.fd, kEchoRequest6, packet, sizeof packet, address,
+  uint8_t packet[kEcho6TimedSize] = {};
+  const size_t length = boxOf(context)->replyCallback != nullptr ? kEcho6TimedSize : kEcho6Size;
+  return sendEcho(context, context->ping6Sock.fd, kEchoRequest6, packet, length, address,
                   sizeof(struct sockaddr_in6));
+}
+
+// An echo reply for this context: the kernel gives an unprivileged socket
+// only replies with that socket's identifier; a raw one sees them all.
+bool isOwnReply(const PingBox *box, const uint8_t *icmp, uint8_t replyType) noexcept {
+  return icmp[0] == replyType &&
+         (box->unprivileged || memcmp(icmp + kIdAt, &box->record.id, sizeof box->record.id) == 0);
+}
+
+// The reply callback's turn. A request sent before the callback was set
+// carries no microseconds: its tick gives them, in whole milliseconds.
+void reportReply(const PingBox *box, AsyncPingContext *context, const char *text, const uint8_t *icmp,
+                 uint64_t nowTick, uint64_t nowMicroseconds) noexcept {
+  uint16_t seq;
+  uint64_t sent, tick;
+  memcpy(&seq, icmp + kSeqAt, sizeof seq);
+  memcpy(&sent, icmp + kMicrosecondsAt, sizeof sent);
+  memcpy(&tick, icmp + kTickAt, sizeof tick);
+  const uint64_t microseconds = sent != 0 ? nowMicroseconds - sent : (nowTick - tick) * kMicrosecondsPerTick;
+  box->replyCallback(context, text, ntohs(seq), static_cast<uint32_t>(microseconds));
 }
 
 // Reads one datagram and hands an echo reply with this context's identifier
@@ -118,24 +173,30 @@ int checkSocket(AsyncPingContext *context, int fd) noexcept {
   socklen_t fromLength = sizeof from;
   if (recvfrom(fd, buffer, sizeof buffer, 0, &from.any, &fromLength) <= 0) return -1;
   const uint64_t now = GetTickCount();
+  const PingBox *box = boxOf(context);
+  const uint64_t nowMicroseconds = box->replyCallback != nullptr ? monotonicMicroseconds() : 0;
 
   char text[kAddressTextSize] = {};
   const uint8_t *icmp = buffer;
   if (from.any.sa_family == AF_INET6) {
-    if (icmp[0] != kEchoReply6 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
+    if (!isOwnReply(box, icmp, kEchoReply6)) return -1;
     if (inet_ntop(AF_INET6, &from.v6.sin6_addr, text, sizeof text) == nullptr) {
       RK_LOG(error, "inet_ntop6");
       return -1;
     }
   } else {
     // A raw IPv4 socket reads the IP header too; at most 60 bytes, so the
-    // fields behind it stay inside the buffer.
-    icmp = buffer + (buffer[0] & 0x0f) * 4;
-    if (icmp[0] != kEchoReply4 || memcmp(icmp + kIdAt, &context->id, sizeof context->id) != 0) return -1;
+    // fields behind it stay inside the buffer. An unprivileged one does not.
+    if (!box->unprivileged) icmp = buffer + (buffer[0] & 0x0f) * 4;
+    if (!isOwnReply(box, icmp, kEchoReply4)) return -1;
     if (inet_ntop(AF_INET, &from.v4.sin_addr, text, sizeof text) == nullptr) {
       RK_LOG(error, "inet_ntop");
       return -1;
     }
+  }
+  if (box->replyCallback != nullptr) {
+    reportReply(box, context, text, icmp, now, nowMicroseconds);
+    return 0;
   }
   uint64_t sent;
   memcpy(&sent, icmp + kTickAt, sizeof sent);
@@ -153,36 +214,69 @@ void onPingSock6(struct uloop_fd *u, unsigned int events) {
   if (u != nullptr) handleClientEvent(clientOf<AsyncPingContext>(u, 1), u, events, checkSocket);
 }
 
-AsyncPingContext *createContext(AsyncPingCallback callback) noexcept {
-  auto *context = static_cast<AsyncPingContext *>(calloc(1, sizeof(AsyncPingContext)));
-  if (context == nullptr) return nullptr;
+// Raw sockets, or unprivileged ones. NULL with errno as the failed call
+// left it.
+AsyncPingContext *createContext(AsyncPingCallback callback, bool unprivileged) noexcept {
+  auto *box = static_cast<PingBox *>(calloc(1, sizeof(PingBox)));
+  if (box == nullptr) return nullptr;
+  AsyncPingContext *context = &box->record;
   context->callback = callback;
-  // The process id plus the contexts made before; the counter steps even if
-  // the sockets then fail.
-  context->id = htons(static_cast<uint16_t>(static_cast<uint32_t>(getpid()) + pingCounter++));
-  // Both families or none: a system without raw ICMPv6 sockets gets no client.
-  if (watchClientSocket(&context->pingSock, createPingSock(AF_INET, IPPROTO_ICMP), onPingSock4) &&
-      watchClientSocket(&context->ping6Sock, createPingSock(AF_INET6, IPPROTO_ICMPV6), onPingSock6)) {
+  box->unprivileged = unprivileged;
+  // The process id plus the raw contexts made before; the counter steps even
+  // if the sockets then fail. Unprivileged sockets get theirs from the kernel.
+  if (!unprivileged) context->id = htons(static_cast<uint16_t>(static_cast<uint32_t>(getpid()) + pingCounter++));
+  const int type = unprivileged ? SOCK_DGRAM : SOCK_RAW;
+  // Both families or none: a system without ICMPv6 sockets gets no client.
+  if (watchClientSocket(&context->pingSock, createPingSock(AF_INET, type, IPPROTO_ICMP), onPingSock4) &&
+      watchClientSocket(&context->ping6Sock, createPingSock(AF_INET6, type, IPPROTO_ICMPV6), onPingSock6)) {
     return context;
   }
+  const int error = errno;
   // Whichever failed, the IPv6 socket is not open; the IPv4 one may be.
   closeClientSocket(&context->pingSock, CloseRule::kSkipClosed);
-  free(context);
+  free(box);
+  errno = error;
   return nullptr;
 }
 
 void destroyContext(AsyncPingContext *context) noexcept {
   closeClientSocket(&context->pingSock, CloseRule::kAlwaysDelete);
   closeClientSocket(&context->ping6Sock, CloseRule::kAlwaysDelete);
-  free(context);
+  free(boxOf(context));
 }
+
+void setReplyCallback(AsyncPingContext *context, AsyncPingReplyCallback callback) noexcept {
+  boxOf(context)->replyCallback = callback;
+}
+
+void setUserData(AsyncPingContext *context, void *userData) noexcept { boxOf(context)->userData = userData; }
+
+void *userData(const AsyncPingContext *context) noexcept { return boxOf(context)->userData; }
 
 }  // namespace
 }  // namespace rk::net
 
 extern "C" {
 
-AsyncPingContext *asyncPing_create(AsyncPingCallback callback) { return rk::net::createContext(callback); }
+AsyncPingContext *asyncPing_create(AsyncPingCallback callback) { return rk::net::createContext(callback, false); }
+
+AsyncPingContext *asyncPing_createUnprivileged(AsyncPingCallback callback) {
+  return rk::net::createContext(callback, true);
+}
+
+int asyncPing_setReplyCallback(AsyncPingContext *context, AsyncPingReplyCallback callback) {
+  if (context == nullptr) return -1;
+  rk::net::setReplyCallback(context, callback);
+  return 0;
+}
+
+void asyncPing_setUserData(AsyncPingContext *context, void *userData) {
+  if (context != nullptr) rk::net::setUserData(context, userData);
+}
+
+void *asyncPing_getUserData(const AsyncPingContext *context) {
+  return context == nullptr ? nullptr : rk::net::userData(context);
+}
 
 int asyncPing_destroy(AsyncPingContext *context) {
   if (context == nullptr) return -1;

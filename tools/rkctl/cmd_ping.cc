@@ -2,6 +2,7 @@
 // with a summary per host in the form ping(8) gives it.
 #include <math.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -22,10 +23,9 @@ namespace {
 // How long the names may take before the first round.
 constexpr int kResolveTimeoutMs = 2000;
 
-// Round-trip figures as ping(8) prints them.
+// Round-trip figures as ping(8) prints them, in microseconds.
 struct RttSummary {
-  uint32_t min = 0, max = 0;
-  double avg = 0, mdev = 0;
+  double min = 0, avg = 0, max = 0, mdev = 0;
 };
 
 RttSummary summarize(const std::vector<uint32_t> &rtts) {
@@ -41,6 +41,12 @@ RttSummary summarize(const std::vector<uint32_t> &rtts) {
   s.avg = sum / static_cast<double>(rtts.size());
   s.mdev = sqrt(std::max(0.0, sum2 / static_cast<double>(rtts.size()) - s.avg * s.avg));
   return s;
+}
+
+// Milliseconds to three decimals, in JSON as in the text.
+json_object *jsonMs(double microseconds) {
+  const std::string text = msText(microseconds);
+  return json_object_new_double_s(atof(text.c_str()), text.c_str());
 }
 
 double lossPercent(unsigned sent, unsigned received) {
@@ -64,7 +70,8 @@ int run(Invocation &inv) {
   Loop loop;
   if (!loop.ok()) return fail(inv, "cannot set up the event loop");
   Pinger pinger;
-  if (!pinger.open()) return fail(inv, "cannot open raw ICMP sockets (this needs root or CAP_NET_RAW)");
+  if (!pinger.open())
+    return fail(inv, "cannot open ICMP sockets (this needs a group in net.ipv4.ping_group_range, root or CAP_NET_RAW)");
   int rc = kOk;
 
   // Names first, through the DNS client and the servers of /etc/resolv.conf.
@@ -106,10 +113,11 @@ int run(Invocation &inv) {
       if (!pinger.send(h) && rounds == 0) warn(inv, "%s: cannot send", label(h).c_str());
     if (++rounds < count) round.set(intervalMs);
   });
-  pinger.onReply = [&](const Pinger::Host &h, uint32_t ms, bool duplicate) {
+  pinger.onReply = [&](const Pinger::Host &h, unsigned request, uint32_t us, bool duplicate) {
     if (!inv.json) {
       progress.clear();
-      printf("reply from %s: time=%u ms%s\n", label(h).c_str(), ms, duplicate ? " (duplicate)" : "");
+      printf("reply from %s: icmp_seq=%u time=%s ms%s\n", label(h).c_str(), request, msText(us).c_str(),
+             duplicate ? " (duplicate)" : "");
       fflush(stdout);
     }
     check();
@@ -136,7 +144,9 @@ int run(Invocation &inv) {
     if (!inv.json) {
       printf("\n--- %s ping statistics ---\n%u packets transmitted, %u received, %g%% packet loss\n", h.name.c_str(),
              h.sent, h.received(), loss);
-      if (h.received()) printf("rtt min/avg/max/mdev = %u/%.3f/%u/%.3f ms\n", s.min, s.avg, s.max, s.mdev);
+      if (h.received())
+        printf("rtt min/avg/max/mdev = %s/%s/%s/%s ms\n", msText(s.min).c_str(), msText(s.avg).c_str(),
+               msText(s.max).c_str(), msText(s.mdev).c_str());
       continue;
     }
     json_object *o = json_object_new_object();
@@ -147,15 +157,15 @@ int run(Invocation &inv) {
     json_object_object_add(o, "duplicates", json_object_new_int64(h.duplicates));
     json_object_object_add(o, "loss", json_object_new_double(loss));
     json_object *rtts = json_object_new_array();
-    for (uint32_t r : h.rtts) json_object_array_add(rtts, json_object_new_int64(r));
+    for (uint32_t r : h.rtts) json_object_array_add(rtts, jsonMs(r));
     json_object_object_add(o, "rtts", rtts);
     json_object *summary = nullptr;
     if (h.received()) {
       summary = json_object_new_object();
-      json_object_object_add(summary, "min", json_object_new_int64(s.min));
-      json_object_object_add(summary, "avg", json_object_new_double(s.avg));
-      json_object_object_add(summary, "max", json_object_new_int64(s.max));
-      json_object_object_add(summary, "mdev", json_object_new_double(s.mdev));
+      json_object_object_add(summary, "min", jsonMs(s.min));
+      json_object_object_add(summary, "avg", jsonMs(s.avg));
+      json_object_object_add(summary, "max", jsonMs(s.max));
+      json_object_object_add(summary, "mdev", jsonMs(s.mdev));
     }
     json_object_object_add(o, "rtt", summary);
     json_object_array_add(list.get(), o);
@@ -172,16 +182,19 @@ const Command kPingCommand = {
     "Sends COUNT echo requests to each HOST (an IPv4 or IPv6 address, or a name\n"
     "looked up first through the servers of /etc/resolv.conf), one round to all\n"
     "hosts every INTERVAL, through routerkit's ping client on a uloop. Prints a\n"
-    "line per reply and a summary per host: packets transmitted and received,\n"
-    "loss, round-trip min/avg/max/mdev (the library measures whole ms).\n"
+    "line per reply (the request's number per host, icmp_seq, and the round trip\n"
+    "in ms to the microsecond) and a summary per host: packets transmitted and\n"
+    "received, loss, round-trip min/avg/max/mdev.\n"
     "\n"
     "  -c COUNT      requests per host, default 4\n"
     "  -i INTERVAL   seconds between rounds, default 1 (decimals allowed)\n"
     "  -W TIMEOUT    seconds to wait for late replies after the last round,\n"
     "                default 1. The library has no timeout of its own.\n"
     "\n"
-    "Replies are counted by the replying address, at most one per request sent.\n"
-    "Needs root or CAP_NET_RAW. Exit 1 when a host got no reply at all.\n"
+    "Each reply counts once for the request it answers; a second one is a\n"
+    "duplicate. Uses unprivileged ICMP sockets when a group of the user is in\n"
+    "net.ipv4.ping_group_range, else raw ones (root or CAP_NET_RAW). Exit 1 when\n"
+    "a host got no reply at all.\n"
     "JSON: [{\"host\", \"address\", \"transmitted\", \"received\", \"duplicates\",\n"
     "\"loss\", \"rtts\": [ms...], \"rtt\": {\"min\", \"avg\", \"max\", \"mdev\"} or null}...].\n",
     run};

@@ -59,7 +59,7 @@ std::vector<Check> reachability(const std::string &name, int timeoutMs) {
   auto done = [&] {
     return (!canPing || pinger.allAnswered()) && (!canResolve || resolver.find(name));
   };
-  pinger.onReply = [&](const Pinger::Host &, uint32_t, bool) {
+  pinger.onReply = [&](const Pinger::Host &, unsigned, uint32_t, bool) {
     if (done()) loop.stop();
   };
   resolver.onAnswer = [&] {
@@ -77,14 +77,14 @@ std::vector<Check> reachability(const std::string &name, int timeoutMs) {
     for (const Pinger::Host &p : pinger.hosts)
       if (p.name == t) h = &p;
     if (!canPing)
-      c.detail = "cannot open raw ICMP sockets (needs root or CAP_NET_RAW)";
+      c.detail = "cannot open ICMP sockets (needs a group in net.ipv4.ping_group_range, root or CAP_NET_RAW)";
     else if (!h || h->sent == 0)
       c.detail = "cannot send (no route?)";
     else if (h->received() == 0)
       c.detail = late;
     else {
       c.ok = true;
-      c.detail = std::to_string(h->rtts[0]) + " ms";
+      c.detail = msText(h->rtts[0]) + " ms";
     }
     checks.push_back(c);
   }

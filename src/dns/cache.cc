@@ -20,6 +20,10 @@ DnsCacheEntry *entryOf(struct avl_node *node) noexcept {
   return reinterpret_cast<DnsCacheEntry *>(node);
 }
 
+DnsCacheEntry *entryOfUse(struct list_head *use) noexcept {
+  return reinterpret_cast<DnsCacheEntry *>(reinterpret_cast<char *>(use) - offsetof(DnsCacheEntry, use));
+}
+
 // Frees each address of an entry, then the entry. Runs with the mutex held.
 void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
   if (entry == nullptr) return;
@@ -29,6 +33,15 @@ void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
     a = next;
   }
   free(entry);
+}
+
+// Takes an entry out of the tree and the use list and frees it. Runs with
+// the mutex held.
+void dropEntry(DnsCache *cache, DnsCacheEntry *entry) noexcept {
+  avl_delete(&cache->tree, &entry->node);
+  list_del(&entry->use);
+  if (cache->recent == entry) cache->recent = nullptr;
+  DnsCache_FreeEntry(entry);
 }
 
 // Drops the expired addresses of `name` and returns its entry, or null when
@@ -46,6 +59,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
     entry = entryOf(node);
     cache->recent = entry;
   }
+  if (cache->use.next != &entry->use) list_move(&entry->use, &cache->use);
   const uint64_t now = cacheClock();
   for (DnsCacheAddress **link = &entry->addresses; *link != nullptr;) {
     DnsCacheAddress *a = *link;
@@ -57,9 +71,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
     }
   }
   if (entry->addresses == nullptr) {
-    avl_delete(&cache->tree, &entry->node);
-    if (cache->recent == entry) cache->recent = nullptr;
-    DnsCache_FreeEntry(entry);
+    dropEntry(cache, entry);
     return nullptr;
   }
   return entry;
@@ -71,6 +83,7 @@ void emptyTree(DnsCache *cache) noexcept {
   DnsCacheEntry *entry;
   DnsCacheEntry *tmp;
   cache->recent = nullptr;
+  INIT_LIST_HEAD(&cache->use);
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
@@ -80,8 +93,14 @@ DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
   if (entry == nullptr) return nullptr;
   memset(entry, 0, offsetof(DnsCacheEntry, name));
   memcpy(entry->name, name, length + 1);
+  // A full cache makes room first, least recently used names first.
+  while (cache->maxNames != 0 && static_cast<uint32_t>(cache->tree.count) >= cache->maxNames &&
+         !list_empty(&cache->use)) {
+    dropEntry(cache, entryOfUse(cache->use.prev));
+  }
   entry->node.key = entry->name;
   avl_insert(&cache->tree, &entry->node);
+  list_add(&entry->use, &cache->use);
   cache->recent = entry;
   return entry;
 }
@@ -105,6 +124,7 @@ DnsCache *createCache() noexcept {
   auto *cache = static_cast<DnsCache *>(calloc(1, sizeof(DnsCache)));
   if (cache == nullptr) return nullptr;
   avl_init(&cache->tree, avl_strcmp, false, nullptr);
+  INIT_LIST_HEAD(&cache->use);
   if (pthread_mutex_init(&cache->mutex, nullptr) != 0) {
     free(cache);
     return nullptr;
@@ -152,7 +172,8 @@ void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address,
   DnsCacheAddress *a = findOrAddAddress(entry, address);
   if (a == nullptr) return;
   // A repeat overwrites the expiry, which may shorten it.
-  a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
+  a->expiry =
+      cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime, cache->maxCacheTime));
 }
 
 }  // namespace rk::dns
@@ -179,6 +200,14 @@ void DnsCache_Clean(DnsCache *cache) {
 
 void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds) {
   if (cache != nullptr) cache->minCacheTime = seconds;
+}
+
+void DnsCache_setMaxNames(DnsCache *cache, uint32_t maxNames) {
+  if (cache != nullptr) cache->maxNames = maxNames;
+}
+
+void DnsCache_setMaxCacheTime(DnsCache *cache, uint32_t seconds) {
+  if (cache != nullptr) cache->maxCacheTime = seconds;
 }
 
 }  // extern "C"

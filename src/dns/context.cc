@@ -16,6 +16,7 @@
 #include "dns/answer.h"
 #include "dns/cache.h"
 #include "dns/query.h"
+#include "dns/tracker.h"
 
 // Daemons read these records directly, and the socket handlers find the
 // context from the uloop_fd they are given, so the layout is interface.
@@ -64,9 +65,15 @@ int createDnsSock(int family) noexcept {
 }
 
 // The work of both socket handlers. A socket lost to end of file stays
-// registered; destroy skips it like any closed one.
+// registered; destroy skips it like any closed one. An untracked context
+// takes one datagram per read event and renews the registration; a tracked
+// one drains the socket and leaves the (level-triggered) registration be.
 void handleDnsSockEvent(AsyncDnsContext *context, struct uloop_fd *u, unsigned int events) noexcept {
-  handleClientEvent(context, u, events, checkDnsSocket);
+  if (!isTracked(extensionOf(context))) {
+    handleClientEvent(context, u, events, checkDnsSocket);
+  } else if (clientSocketReadable(u, events)) {
+    drainDnsSocket(context, u->fd);
+  }
 }
 
 void dnsSockCallback(struct uloop_fd *u, unsigned int events) {
@@ -149,13 +156,18 @@ void destroyContext(AsyncDnsContext *context) noexcept {
   cleanServers<DnsServer>(&context->servers);
   cleanServers<DnsServer6>(&context->servers6);
   if (context->cache != nullptr) destroyCache(context->cache);
-  free(context);
+  releaseExtension(extensionOf(context));
+  free(reinterpret_cast<ContextBox *>(context));
 }
 
 // Messages name `origin`, the exported creator.
 AsyncDnsContext *createContext(AsyncDnsCallback callback, const char *origin) noexcept {
-  auto *context = static_cast<AsyncDnsContext *>(calloc(1, sizeof(AsyncDnsContext)));
-  if (context == nullptr) return nullptr;
+  // The record lies at the start of a box that holds what a context keeps
+  // beside it (tracker.h); the record's own layout stays as published.
+  auto *box = static_cast<ContextBox *>(calloc(1, sizeof(ContextBox)));
+  if (box == nullptr) return nullptr;
+  AsyncDnsContext *context = &box->record;
+  initExtension(&box->ext);
   // The first context of a process carries the process id as its identifier,
   // the next one that plus 1; the counter steps even if the sockets then fail.
   const uint32_t sum = static_cast<uint32_t>(getpid()) + dnsIdCounter;

@@ -1,0 +1,135 @@
+// What a context keeps beside its published record: the daemon's pointer,
+// the checks it asked for, and the table of queries in flight that checks,
+// retries and failure reports need. Not exported; the socket handlers, the
+// lookups, the tests and the fuzzer reach it through the object library.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/socket.h>
+
+#include "common/deps.h"
+#include "dns/codec.h"
+#include <routerkit/async_dns.h>
+
+namespace rk::dns {
+
+constexpr size_t kMaxLookupsInFlight = 64;
+constexpr int kQueriesPerLookup = 2;           // A and AAAA; a PTR lookup uses one
+constexpr size_t kTrackedNameMax = 253;        // the longest name an answer can carry
+constexpr uint32_t kDefaultQueryWaitMs = 5000;  // without a retry: one sending, this long
+constexpr int kDrainPerEvent = 32;             // datagrams one read event takes at most
+constexpr size_t kIdPoolSize = 64;             // random identifiers fetched per getrandom
+constexpr unsigned kKnownChecks = ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID;
+
+struct TrackedQuery {
+  uint16_t type;      // QTYPE; 0 for an unused slot
+  uint16_t id;        // as on the wire
+  bool open;          // neither answered nor over
+  uint32_t sendings;  // done so far
+  uint32_t awaiting;  // servers of the last sending that may still answer
+  uint64_t deadline;  // GetTickCount at which the current sending's wait ends
+};
+
+struct TrackedLookup {
+  bool used;
+  bool gotAddress;  // an answer delivered an address
+  int reason;       // the first failure an answer gave, 0 for none
+  TrackedQuery queries[kQueriesPerLookup];
+  size_t nameLength;
+  char name[kTrackedNameMax + 1];  // as asked
+};
+
+struct Tracker {
+  TrackedLookup lookups[kMaxLookupsInFlight];
+  uint16_t idPool[kIdPoolSize];
+  size_t idsLeft;
+};
+
+struct ContextExtension {
+  unsigned checks;
+  uint32_t retryMs;  // 0: no retry
+  uint32_t attempts;
+  AsyncDnsFailureCallback failure;
+  void *userData;
+  Tracker *tracker;             // made when first needed, kept until destroy
+  struct uloop_timeout timer;   // armed for the earliest deadline in flight
+  uint64_t timerDeadline;
+};
+
+// The allocation behind every context asyncDns_create makes. The record
+// comes first, so the context pointer is the box's; daemons see only the
+// record, whose layout is fixed.
+struct ContextBox {
+  AsyncDnsContext record;
+  ContextExtension ext;
+};
+
+// Only for contexts made by asyncDns_create: a record a test fills by hand
+// has no extension behind it, and the plain path (processDatagram,
+// checkDnsSocket) never asks for one.
+inline ContextExtension *extensionOf(AsyncDnsContext *context) noexcept {
+  return &reinterpret_cast<ContextBox *>(context)->ext;
+}
+
+// Checks, a retry or a failure callback: the table is in use.
+inline bool isTracked(const ContextExtension *ext) noexcept {
+  return ext->checks != 0 || ext->retryMs != 0 || ext->failure != nullptr;
+}
+
+// The query an answer belongs to, or both null.
+struct QueryRef {
+  TrackedLookup *lookup;
+  TrackedQuery *query;
+  explicit operator bool() const noexcept { return query != nullptr; }
+};
+
+// A lookup that an answer or a deadline ended: what its failure report
+// needs, copied out of the table before any callback runs.
+struct LookupEnd {
+  bool failed;
+  int reason;
+  char name[kTrackedNameMax + 1];
+};
+
+// Sends the queries of a tracked lookup of `name` (L = `length` bytes), one
+// per type of `types`, and enters them in the table. -1 (logged as
+// `origin`) when the name is too long, the table is full or no random
+// identifier can be had; else 0.
+int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length, const uint16_t *types,
+                       int typeCount, const char *origin) noexcept;
+
+// The open query with wire identifier `id`.
+QueryRef findQueryById(ContextExtension *ext, uint16_t id) noexcept;
+// The open query whose question (encoded name, QTYPE, class IN) begins
+// `question`; with `ref` given, whether it is that query's.
+QueryRef findQueryByQuestion(ContextExtension *ext, WireView question) noexcept;
+bool asksQuestion(const QueryRef &ref, WireView question) noexcept;
+
+// Enters an answer to `ref`'s query: `reason` 0 for one that delivered an
+// address, else the failure it gives. An error response (`perServer`)
+// closes the query only when every server asked has given one. `end` is
+// filled when this ends the lookup, whose slot is then free again.
+void answerQuery(const QueryRef &ref, bool gotAddress, int reason, bool perServer, LookupEnd *end) noexcept;
+// Runs the failure callback for an ended lookup that failed.
+void reportEnd(AsyncDnsContext *context, const LookupEnd &end) noexcept;
+
+// True when `from` is port 53 of a server of the list of its family.
+bool fromServer(AsyncDnsContext *context, const struct sockaddr_storage *from) noexcept;
+
+// Judges one datagram for a tracked context: the checks, the table, the
+// response code, then the answers as processDatagram reads them. 0 when it
+// was taken, -1 when refused.
+int processTrackedDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
+                           const struct sockaddr_storage *from) noexcept;
+// Reads up to kDrainPerEvent datagrams without blocking and judges each as
+// above; stops quietly when none is left. -1 after a failed read ("error
+// recvfrom", as checkDnsSocket logs it).
+int drainDnsSocket(AsyncDnsContext *context, int fd) noexcept;
+
+// Set-up of a new context's extension (which calloc has zeroed).
+void initExtension(ContextExtension *ext) noexcept;
+// The extension's teardown inside destroy: the timer off the loop, the table freed.
+void releaseExtension(ContextExtension *ext) noexcept;
+
+}  // namespace rk::dns

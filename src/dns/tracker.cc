@@ -237,6 +237,9 @@ int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length
     return -1;
   }
   memset(lookup, 0, sizeof *lookup);
+  // In use from here, so that the A query's identifier counts as in flight
+  // when the AAAA query's is drawn.
+  lookup->used = true;
   const uint64_t now = GetTickCount();
   const uint32_t servers = serversAsked(context);
   for (int i = 0; i < typeCount && i < kQueriesPerLookup; ++i) {
@@ -245,7 +248,8 @@ int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length
       q.id = context->id;
     } else if (!drawId(context, tracker, &q.id)) {
       RK_LOG_AS(error, origin, "error getrandom");
-      return -1;  // the slot stays free: nothing was marked open
+      lookup->used = false;
+      return -1;
     }
     q.type = types[i];
     q.open = true;
@@ -253,7 +257,6 @@ int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length
     q.awaiting = servers;
     q.deadline = now + waitMs(ext);
   }
-  lookup->used = true;
   lookup->nameLength = length;
   memcpy(lookup->name, name, length);
   lookup->name[length] = '\0';

@@ -259,6 +259,9 @@ class CaresDriver : public Driver {
     hints_.ai_flags = ARES_AI_NOSORT;
   }
   ~CaresDriver() override {
+    // Cancelled first: c-ares 1.18 asserts in ares_destroy when a lookup of
+    // both families is still half in flight.
+    if (channel_) ares_cancel(channel_);
     if (channel_) ares_destroy(channel_);
     current_ = nullptr;
   }

@@ -172,8 +172,10 @@ typedef void (*AsyncDnsFailureCallback)(AsyncDnsContext *context, const char *na
  * NOERROR response close it at once. The answers of an error response are
  * not delivered.
  *
- * A tracked context drains its socket: one read event takes up to 32
- * datagrams, not one. Refused datagrams are logged at info level as the
+ * A tracked context drains its socket: one read event takes what has
+ * arrived, up to 16 datagrams in one recvmmsg, not one datagram. It takes
+ * datagrams of up to 4096 bytes (a server answering a query without EDNS
+ * sends at most 512). Refused datagrams are logged at info level as the
  * others are: "[checkDnsSocket:N]error sender from ADDR",
  * "...error id(ID) from ADDR" (no query in flight has it),
  * "...error question(NAME,TYPE) from ADDR" (none in flight asks it), and the
@@ -210,8 +212,9 @@ RK_API void DnsCache_Put(DnsCache *cache, const char *name, const DnsAddressEntr
 RK_API void DnsCache_Clean(DnsCache *cache);
 RK_API void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds);
 /* At most `maxNames` names: putting a new name into a full cache first
- * forgets the name read or written least recently. 0 (the default): no
- * limit. A lower limit takes effect at the next put of a new name. */
+ * forgets the name read or written least recently (reads and writes count
+ * from when a limit is set; before, the order of adding). 0 (the default):
+ * no limit. A lower limit takes effect at the next put of a new name. */
 RK_API void DnsCache_setMaxNames(DnsCache *cache, uint32_t maxNames);
 /* A TTL above `seconds` is cut to it, for later puts, before the minimum of
  * DnsCache_setMinCacheTime is applied. 0 (the default): no cap. */

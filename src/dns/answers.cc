@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <memory>
@@ -243,7 +244,7 @@ bool matchTracked(const Datagram &dg, ContextExtension *ext, QueryRef *ref) noex
   }
   uint16_t id;
   memcpy(&id, dg.bytes.at(0), sizeof id);
-  *ref = {nullptr, nullptr};
+  *ref = {nullptr, 0, 0};
   if ((checks & ASYNC_DNS_RANDOM_ID) != 0) {
     *ref = findQueryById(ext, id);
     if (!*ref) {
@@ -269,7 +270,7 @@ bool matchTracked(const Datagram &dg, ContextExtension *ext, QueryRef *ref) noex
   if (!*ref) {
     *ref = findQueryByQuestion(ext, question);
   } else if (checkQuestion && !asksQuestion(*ref, question)) {
-    *ref = {nullptr, nullptr};
+    *ref = {nullptr, 0, 0};
   }
   if (checkQuestion && (!*ref || (dg.bytes[2] & kFlagResponse) == 0)) {
     char name[kNameBufferSize];
@@ -307,40 +308,55 @@ int processTrackedDatagram(AsyncDnsContext *context, const uint8_t *data, size_t
   const size_t q = ChangeLabelsToDnsName(name, dg.bytes.from(kHeaderSize));
   const size_t firstAnswer = kHeaderSize + q + 2 + kQuestionTail;
   const int n = q != 0 && firstAnswer < len ? std::min<int>(dg.bytes.u16(kOffAnCount), kMaxAnswers) : 0;
-  ResultPtr result;
-  bool delivered = false;
-  if (n > 0) {
-    result = newResult(n);
-    if (!result) {
-      RK_LOG_AS(error, kOrigin, "calloc error");
-      return -1;  // the query stays open: the answer was not read
-    }
-    delivered = walkAnswers(dg, firstAnswer, n, name, result.get()) && result->count > 0;
-  }
+  // Room for the most a datagram delivers, on the stack: a tracked context
+  // allocates nothing per answer.
+  alignas(DnsResult) uint8_t room[sizeof(DnsResult) + kMaxAnswers * sizeof(DnsAddressEntry)];
+  auto *result = reinterpret_cast<DnsResult *>(room);
+  result->count = 0;
+  for (int i = 0; i < n; ++i) memset(&result->slots[i], 0, sizeof result->slots[i]);
+  const bool delivered = n > 0 && walkAnswers(dg, firstAnswer, n, name, result) && result->count > 0;
   if (ref) answerQuery(ref, delivered, delivered ? 0 : ASYNC_DNS_NODATA, false, &end);
-  if (delivered && context->callback != nullptr) context->callback(context, name, result.get());
+  if (delivered && context->callback != nullptr) context->callback(context, name, result);
   reportEnd(context, end);
   return 0;
 }
 
 int drainDnsSocket(AsyncDnsContext *context, int fd) noexcept {
-  uint8_t buffer[kDnsReceiveBufferSize];
-  for (int i = 0; i < kDrainPerEvent; ++i) {
-    struct sockaddr_storage from;
-    memset(&from, 0, sizeof(struct sockaddr_in6));
-    socklen_t fromLength = sizeof(struct sockaddr_in6);
-    const ssize_t got = recvfrom(fd, buffer, sizeof buffer, MSG_DONTWAIT,
-                                 reinterpret_cast<struct sockaddr *>(&from), &fromLength);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
-    if (got < 1) {
+  // One call takes what has arrived, up to the bound; MSG_TRUNC makes a
+  // longer datagram report its whole length, which refuses it.
+  uint8_t buffers[kDrainPerEvent][kDrainDatagramSize];
+  struct sockaddr_storage from[kDrainPerEvent];
+  struct iovec parts[kDrainPerEvent];
+  struct mmsghdr messages[kDrainPerEvent];
+  for (unsigned i = 0; i < kDrainPerEvent; ++i) {
+    parts[i] = {buffers[i], sizeof buffers[i]};
+    memset(&messages[i], 0, sizeof messages[i]);
+    memset(&from[i], 0, sizeof(struct sockaddr_in6));
+    messages[i].msg_hdr.msg_name = &from[i];
+    messages[i].msg_hdr.msg_namelen = sizeof(struct sockaddr_in6);
+    messages[i].msg_hdr.msg_iov = &parts[i];
+    messages[i].msg_hdr.msg_iovlen = 1;
+  }
+  const int got = recvmmsg(fd, messages, kDrainPerEvent, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+  if (got < 1) {
+    RK_LOG_AS(error, kOrigin, "error recvfrom");
+    return -1;
+  }
+  for (int i = 0; i < got; ++i) {
+    const size_t length = messages[i].msg_len;
+    if (length < 1) {
       RK_LOG_AS(error, kOrigin, "error recvfrom");
-      if (got < 0) return -1;
-      continue;  // an empty datagram
+    } else if (length > kDrainDatagramSize) {
+      const SenderSuffix sender(&from[i]);
+      RK_LOG_AS(info, kOrigin, "error size(%d)%s%s", static_cast<int>(length), sender.lead(), sender.text());
+    } else if (isTracked(extensionOf(context))) {
+      processTrackedDatagram(context, buffers[i], length, &from[i]);
+    } else {
+      // A callback turned tracking off: the rest of the batch is read as
+      // an untracked context reads.
+      processDatagram(context, buffers[i], length, &from[i]);
     }
-    processTrackedDatagram(context, buffer, static_cast<size_t>(got), &from);
-    // A callback may have turned tracking off: the next event reads as an
-    // untracked context does.
-    if (!isTracked(extensionOf(context))) break;
   }
   return 0;
 }

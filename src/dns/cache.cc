@@ -59,7 +59,8 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
     entry = entryOf(node);
     cache->recent = entry;
   }
-  if (cache->use.next != &entry->use) list_move(&entry->use, &cache->use);
+  // Use is recorded only while there is a limit to enforce.
+  if (cache->maxNames != 0 && cache->use.next != &entry->use) list_move(&entry->use, &cache->use);
   const uint64_t now = cacheClock();
   for (DnsCacheAddress **link = &entry->addresses; *link != nullptr;) {
     DnsCacheAddress *a = *link;
@@ -87,21 +88,44 @@ void emptyTree(DnsCache *cache) noexcept {
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
-DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+DnsCacheEntry *allocateEntry(const char *name) noexcept {
   const size_t length = strlen(name);
   auto *entry = static_cast<DnsCacheEntry *>(malloc(offsetof(DnsCacheEntry, name) + length + 1));
   if (entry == nullptr) return nullptr;
   memset(entry, 0, offsetof(DnsCacheEntry, name));
   memcpy(entry->name, name, length + 1);
+  entry->node.key = entry->name;
+  return entry;
+}
+
+void linkEntry(DnsCache *cache, DnsCacheEntry *entry) noexcept {
+  list_add(&entry->use, &cache->use);
+  cache->recent = entry;
+}
+
+DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+  DnsCacheEntry *entry = allocateEntry(name);
+  if (entry == nullptr) return nullptr;
   // A full cache makes room first, least recently used names first.
   while (cache->maxNames != 0 && static_cast<uint32_t>(cache->tree.count) >= cache->maxNames &&
          !list_empty(&cache->use)) {
     dropEntry(cache, entryOfUse(cache->use.prev));
   }
-  entry->node.key = entry->name;
   avl_insert(&cache->tree, &entry->node);
-  list_add(&entry->use, &cache->use);
-  cache->recent = entry;
+  linkEntry(cache, entry);
+  return entry;
+}
+
+// A name the tree lacks goes in with one search (avl_insert refuses a name
+// it has); null when it was there, which then stays as it was.
+DnsCacheEntry *insertIfNew(DnsCache *cache, const char *name) noexcept {
+  DnsCacheEntry *entry = allocateEntry(name);
+  if (entry == nullptr) return nullptr;
+  if (avl_insert(&cache->tree, &entry->node) != 0) {
+    free(entry);
+    return nullptr;
+  }
+  linkEntry(cache, entry);
   return entry;
 }
 
@@ -162,7 +186,14 @@ int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount)
 void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
   if (cache == nullptr || name == nullptr || address == nullptr || ttl == 0) return;
   MutexLock lock(&cache->mutex);
-  DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
+  // Most puts are of a name the cache lacks, or of the one before it: the
+  // first goes in with one search, the second is found with none. Without
+  // a limit only, so that no name is made room for that was there.
+  DnsCacheEntry *entry = nullptr;
+  if (cache->maxNames == 0 && (cache->recent == nullptr || strcmp(cache->recent->name, name) != 0)) {
+    entry = insertIfNew(cache, name);
+  }
+  if (entry == nullptr) entry = DnsCache_ExpireName(cache, name);
   if (entry == nullptr) {
     entry = newEntry(cache, name);
     // Without memory for the address the new entry stays empty; the next

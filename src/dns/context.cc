@@ -95,6 +95,40 @@ int sendTo(int fd, struct list_head *servers, const uint8_t *packet, int32_t len
   return 0;
 }
 
+constexpr unsigned kBatchSize = 16;  // datagrams per sendmmsg
+
+void sendBatch(int fd, struct mmsghdr *messages, unsigned n) noexcept {
+  for (unsigned done = 0; done < n;) {
+    const unsigned before = done;
+    const int sent = sendmmsg(fd, messages + done, n - done, 0);
+    if (sent > 0) done += static_cast<unsigned>(sent);
+    if (done < n && (sent < 0 || static_cast<unsigned>(sent) < n - before)) ++done;  // it failed: the next
+  }
+}
+
+template <typename Server>
+void sendBatchTo(int fd, struct list_head *servers, const struct iovec *queries, int count,
+                 socklen_t addressLength) noexcept {
+  if (fd < 0) return;
+  struct mmsghdr messages[kBatchSize];
+  unsigned n = 0;
+  for (int q = 0; q < count; ++q) {
+    Server *server;
+    list_for_each_entry(server, servers, list) {
+      memset(&messages[n], 0, sizeof messages[n]);
+      messages[n].msg_hdr.msg_name = &server->addr;
+      messages[n].msg_hdr.msg_namelen = addressLength;
+      messages[n].msg_hdr.msg_iov = const_cast<struct iovec *>(&queries[q]);
+      messages[n].msg_hdr.msg_iovlen = 1;
+      if (++n == kBatchSize) {
+        sendBatch(fd, messages, n);
+        n = 0;
+      }
+    }
+  }
+  if (n != 0) sendBatch(fd, messages, n);
+}
+
 // A server on the DNS port at the address `text` gives; false when the text
 // is no address of the family.
 bool serverAddress(const char *text, struct sockaddr_in *out) noexcept {
@@ -208,6 +242,11 @@ int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t lengt
 void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept {
   sendDnsQuery(context, query, static_cast<int32_t>(length));
   sendDnsQuery6(context, query, static_cast<int32_t>(length));
+}
+
+void sendBatchToAll(AsyncDnsContext *context, const struct iovec *queries, int count) noexcept {
+  sendBatchTo<DnsServer>(context->dnsSock.fd, &context->servers, queries, count, sizeof(struct sockaddr_in));
+  sendBatchTo<DnsServer6>(context->dns6Sock.fd, &context->servers6, queries, count, sizeof(struct sockaddr_in6));
 }
 
 }  // namespace rk::dns

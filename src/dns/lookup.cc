@@ -18,9 +18,9 @@ constexpr uint16_t kAddressTypes[kQueriesPerLookup] = {kTypeA, kTypeAaaa};
 constexpr uint16_t kPointerType = kTypePtr;
 
 int lookup(AsyncDnsContext *context, const char *name) noexcept {
-  // One buffer serves first as the DnsResult of a cache hit and then, still
-  // all zero after a miss, as the query.
-  alignas(DnsResult) uint8_t buffer[kLookupBufferSize] = {};
+  // One buffer serves first as the DnsResult of a cache hit and then, after
+  // a miss (which writes nothing), as the query, zeroed as far as it goes.
+  alignas(DnsResult) uint8_t buffer[kLookupBufferSize];
 
   // Without a callback nobody could take a cached answer, so the cache is
   // not read at all.
@@ -38,6 +38,7 @@ int lookup(AsyncDnsContext *context, const char *name) noexcept {
   }
   // The limit is the buffer, not a DNS rule.
   if (length + kQueryOverhead > sizeof buffer) return -1;
+  memset(buffer, 0, length + kQueryOverhead);
   const size_t size = buildQuery(buffer, context->id, name, length, kTypeA);
   sendToAll(context, buffer, size);
   setQueryType(buffer, length, kTypeAaaa);

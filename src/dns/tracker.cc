@@ -21,7 +21,8 @@
 
 static_assert(std::is_standard_layout_v<rk::dns::ContextBox>, "the record is the box");
 static_assert(offsetof(rk::dns::ContextBox, record) == 0, "the record is the box");
-static_assert(std::is_trivially_copyable_v<rk::dns::TrackedLookup>, "the table is plain memory");
+static_assert(std::is_trivially_copyable_v<rk::dns::Tracker>, "the table is plain memory");
+static_assert(rk::dns::kMaxLookupsInFlight == 64, "one bit per lookup in Tracker::used");
 
 namespace rk::dns {
 namespace {
@@ -60,15 +61,46 @@ bool fillRandom(void *out, size_t size) noexcept {
   return ok;
 }
 
-bool idInFlight(const Tracker *tracker, uint16_t id) noexcept {
-  for (const TrackedLookup &l : tracker->lookups) {
-    if (!l.used) continue;
-    for (const TrackedQuery &q : l.queries) {
-      if (q.type != 0 && q.open && q.id == id) return true;
+// The lookups in flight, as bits of a copy of `used` (the table may change
+// while a caller walks it: re-check the bit before use).
+int nextLookup(uint64_t *bits) noexcept {
+  const int i = __builtin_ctzll(*bits);
+  *bits &= *bits - 1;
+  return i;
+}
+
+size_t bucketIndex(uint16_t id) noexcept { return static_cast<uint8_t>(id ^ id >> 8); }
+
+// The open query with identifier `id`, as lookup * 2 + query, or -1.
+int openQueryWithId(const Tracker *tracker, uint16_t id) noexcept {
+  for (uint8_t n = tracker->idBucket[bucketIndex(id)]; n != 0; n = tracker->idNext[n - 1]) {
+    const int ref = n - 1;
+    if (tracker->ids[ref / kQueriesPerLookup][ref % kQueriesPerLookup] == id) return ref;
+  }
+  return -1;
+}
+
+void openQuery(Tracker *tracker, int i, int q, uint16_t id) noexcept {
+  const int ref = i * kQueriesPerLookup + q;
+  tracker->ids[i][q] = id;
+  tracker->open[i] = static_cast<uint8_t>(tracker->open[i] | 1u << q);
+  uint8_t &head = tracker->idBucket[bucketIndex(id)];
+  tracker->idNext[ref] = head;
+  head = static_cast<uint8_t>(ref + 1);
+}
+
+void closeQuery(Tracker *tracker, int i, int q) noexcept {
+  const uint8_t mine = static_cast<uint8_t>(i * kQueriesPerLookup + q + 1);
+  tracker->open[i] = static_cast<uint8_t>(tracker->open[i] & ~(1u << q));
+  for (uint8_t *link = &tracker->idBucket[bucketIndex(tracker->ids[i][q])]; *link != 0; link = &tracker->idNext[*link - 1]) {
+    if (*link == mine) {
+      *link = tracker->idNext[mine - 1];
+      return;
     }
   }
-  return false;
 }
+
+bool idInFlight(const Tracker *tracker, uint16_t id) noexcept { return openQueryWithId(tracker, id) >= 0; }
 
 // An identifier no query in flight has, nor the context's own (which a
 // forger can predict); false when the kernel gives no random bytes.
@@ -93,82 +125,114 @@ void armTimer(ContextExtension *ext, uint64_t deadline, uint64_t now) noexcept {
   uloop_timeout_set(&ext->timer, wait > INT32_MAX ? INT32_MAX : static_cast<int>(wait));
 }
 
-void sendQuery(AsyncDnsContext *context, const TrackedLookup &lookup, const TrackedQuery &query) noexcept {
-  uint8_t buffer[kQueryBufferSize] = {};
-  sendToAll(context, buffer, buildQuery(buffer, query.id, lookup.name, lookup.nameLength, query.type));
-}
-
-bool hasOpenQuery(const TrackedLookup &lookup) noexcept {
-  for (const TrackedQuery &q : lookup.queries) {
-    if (q.type != 0 && q.open) return true;
+// Sends the queries of lookup `i` whose bits are in `which`, all in one
+// batch per family: the first is built, the others are copies with their
+// own identifier and type.
+void sendQueries(AsyncDnsContext *context, const Tracker *tracker, int i, unsigned which) noexcept {
+  const TrackedLookup &lookup = tracker->lookups[i];
+  const size_t size = lookup.nameLength + kQueryOverhead;
+  uint8_t buffers[kQueriesPerLookup][kQueryBufferSize];
+  struct iovec queries[kQueriesPerLookup];
+  int count = 0;
+  for (int q = 0; q < kQueriesPerLookup; ++q) {
+    if ((which & (1u << q)) == 0) continue;
+    uint8_t *buffer = buffers[count];
+    if (count == 0) {
+      memset(buffer, 0, size);
+      buildQuery(buffer, tracker->ids[i][q], lookup.name, lookup.nameLength, lookup.queries[q].type);
+    } else {
+      memcpy(buffer, buffers[0], size);
+      memcpy(buffer, &tracker->ids[i][q], sizeof tracker->ids[i][q]);
+      setQueryType(buffer, lookup.nameLength, lookup.queries[q].type);
+    }
+    queries[count++] = {buffer, size};
   }
-  return false;
+  sendBatchToAll(context, queries, count);
 }
 
-// Frees the slot of a lookup none of whose queries is open, and says how it ended.
-void endLookup(TrackedLookup *lookup, LookupEnd *end) noexcept {
-  end->failed = !lookup->gotAddress;
-  end->reason = lookup->reason != 0 ? lookup->reason : ASYNC_DNS_TIMEOUT;
-  memcpy(end->name, lookup->name, lookup->nameLength + 1);
-  lookup->used = false;
+// Frees lookup `i`, none of whose queries is open, and says how it ended.
+void endLookup(Tracker *tracker, int i, LookupEnd *end) noexcept {
+  const TrackedLookup &lookup = tracker->lookups[i];
+  end->failed = !lookup.gotAddress;
+  end->reason = lookup.reason != 0 ? lookup.reason : ASYNC_DNS_TIMEOUT;
+  memcpy(end->name, lookup.name, lookup.nameLength + 1);
+  tracker->used &= ~(uint64_t{1} << i);
 }
 
 // Sends again what waited long enough and may be sent again, ends what may
 // not, reports the lookups that ended so, and arms the timer for what is
-// left. A failure callback may start lookups meanwhile: they land in free
-// slots with later deadlines, so the walk goes on safely.
+// left. A failure callback may start lookups meanwhile: they have later
+// deadlines, and the walk re-checks each lookup before it looks at it.
 void onDeadline(struct uloop_timeout *t) {
   AsyncDnsContext *context = contextOfTimer(t);
   ContextExtension *ext = extensionOf(context);
-  if (ext->tracker == nullptr) return;
+  Tracker *tracker = ext->tracker;
+  if (tracker == nullptr) return;
   const uint64_t now = GetTickCount();
-  for (TrackedLookup &lookup : ext->tracker->lookups) {
-    if (!lookup.used) continue;
-    for (TrackedQuery &q : lookup.queries) {
-      if (q.type == 0 || !q.open || q.deadline > now) continue;
-      if (q.sendings < sendingsAllowed(ext)) {
-        ++q.sendings;
-        q.awaiting = serversAsked(context);
-        q.deadline = now + waitMs(ext);
-        sendQuery(context, lookup, q);
+  for (uint64_t bits = tracker->used; bits != 0;) {
+    const int i = nextLookup(&bits);
+    if ((tracker->used & (uint64_t{1} << i)) == 0) continue;
+    TrackedLookup &lookup = tracker->lookups[i];
+    unsigned again = 0;
+    for (int q = 0; q < kQueriesPerLookup; ++q) {
+      TrackedQuery &query = lookup.queries[q];
+      if ((tracker->open[i] & (1u << q)) == 0 || query.deadline > now) continue;
+      if (query.sendings < sendingsAllowed(ext)) {
+        ++query.sendings;
+        query.awaiting = serversAsked(context);
+        query.deadline = now + waitMs(ext);
+        again |= 1u << q;
       } else {
-        q.open = false;
+        closeQuery(tracker, i, q);
       }
     }
-    if (hasOpenQuery(lookup)) continue;
+    if (again != 0) sendQueries(context, tracker, i, again);
+    if (tracker->open[i] != 0) continue;
     LookupEnd end;
-    endLookup(&lookup, &end);
+    endLookup(tracker, i, &end);
     reportEnd(context, end);
   }
   uint64_t earliest = UINT64_MAX;
-  for (const TrackedLookup &lookup : ext->tracker->lookups) {
-    if (!lookup.used) continue;
-    for (const TrackedQuery &q : lookup.queries) {
-      if (q.type != 0 && q.open && q.deadline < earliest) earliest = q.deadline;
+  for (uint64_t bits = tracker->used; bits != 0;) {
+    const int i = nextLookup(&bits);
+    for (int q = 0; q < kQueriesPerLookup; ++q) {
+      const uint64_t deadline = tracker->lookups[i].queries[q].deadline;
+      if ((tracker->open[i] & (1u << q)) != 0 && deadline < earliest) earliest = deadline;
     }
   }
   if (earliest != UINT64_MAX) armTimer(ext, earliest, GetTickCount());
 }
 
 // Whether the encoded name at the start of `wire` is `name` as buildQuery
-// encodes it: length bytes equal, the letters of labels without regard to case.
+// encodes it (a length byte where each dot was, the root's zero at the
+// end), the letters of labels compared without regard to case.
 bool sameEncodedName(WireView wire, const char *name, size_t length) noexcept {
-  size_t p = 0;
-  for (;;) {
-    const void *dot = memchr(name + p, '.', length - p);
-    const size_t j = dot != nullptr ? static_cast<size_t>(static_cast<const char *>(dot) - name) : length;
-    if (wire[p] != static_cast<uint8_t>(j - p)) return false;
-    for (size_t i = p; i < j; ++i) {
-      uint8_t a = wire[i + 1];
-      uint8_t b = static_cast<uint8_t>(name[i]);
-      if (a >= 'A' && a <= 'Z') a = static_cast<uint8_t>(a - 'A' + 'a');
-      if (b >= 'A' && b <= 'Z') b = static_cast<uint8_t>(b - 'A' + 'a');
-      if (a != b) return false;
-    }
-    if (j == length) break;
-    p = j + 1;
+  if (wire.size() < length + 2 || wire[length + 1] != 0) return false;
+  const uint8_t *w = wire.at(0);
+  // Each length byte but the first stands where the name has a dot, and
+  // there are as many dots as that: then every other byte is a letter.
+  size_t labels = 0;
+  for (size_t p = 0;;) {
+    const size_t next = p + w[p] + 1;
+    ++labels;
+    if (next == length + 1) break;
+    if (next > length || name[next - 1] != '.') return false;
+    p = next;
   }
-  return wire[length + 1] == 0;
+  size_t dots = 0;
+  for (size_t i = 0; i < length; ++i) {
+    uint8_t a = w[i + 1];
+    uint8_t b = static_cast<uint8_t>(name[i]);
+    if (b == '.') {
+      ++dots;
+      continue;
+    }
+    if (a == b) continue;  // servers echo the question as asked
+    if (a >= 'A' && a <= 'Z') a = static_cast<uint8_t>(a - 'A' + 'a');
+    if (b >= 'A' && b <= 'Z') b = static_cast<uint8_t>(b - 'A' + 'a');
+    if (a != b) return false;
+  }
+  return dots + 1 == labels;
 }
 
 // Makes the table when a setting first asks for it; on a context that stops
@@ -187,7 +251,9 @@ int applySettings(ContextExtension *ext, const ContextExtension &wanted, const c
   ext->failure = wanted.failure;
   if (!isTracked(ext) && ext->tracker != nullptr) {
     uloop_timeout_cancel(&ext->timer);
-    for (TrackedLookup &lookup : ext->tracker->lookups) lookup.used = false;
+    ext->tracker->used = 0;
+    memset(ext->tracker->open, 0, sizeof ext->tracker->open);
+    memset(ext->tracker->idBucket, 0, sizeof ext->tracker->idBucket);
   }
   return 0;
 }
@@ -225,86 +291,83 @@ int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length
     RK_LOG_AS(error, origin, "error name(%d)", static_cast<int>(length));
     return -1;
   }
-  TrackedLookup *lookup = nullptr;
-  for (TrackedLookup &l : tracker->lookups) {
-    if (!l.used) {
-      lookup = &l;
-      break;
-    }
-  }
-  if (lookup == nullptr) {
-    RK_LOG_AS(error, origin, "error in flight(%d)", static_cast<int>(kMaxLookupsInFlight));
+  if (~tracker->used == 0) {
+    RK_LOG_AS(error, origin, "error in flight(%d)", kMaxLookupsInFlight);
     return -1;
   }
-  memset(lookup, 0, sizeof *lookup);
-  // In use from here, so that the A query's identifier counts as in flight
-  // when the AAAA query's is drawn.
-  lookup->used = true;
+  const int i = __builtin_ctzll(~tracker->used);
+  TrackedLookup &lookup = tracker->lookups[i];
+  lookup.gotAddress = false;
+  lookup.reason = 0;
+  lookup.nameLength = length;
+  memcpy(lookup.name, name, length);
+  lookup.name[length] = '\0';
   const uint64_t now = GetTickCount();
   const uint32_t servers = serversAsked(context);
-  for (int i = 0; i < typeCount && i < kQueriesPerLookup; ++i) {
-    TrackedQuery &q = lookup->queries[i];
-    if ((ext->checks & ASYNC_DNS_RANDOM_ID) == 0) {
-      q.id = context->id;
-    } else if (!drawId(context, tracker, &q.id)) {
+  // Open from here, so that the identifier of the A query counts as in
+  // flight when the AAAA query's is drawn.
+  tracker->open[i] = 0;
+  tracker->used |= uint64_t{1} << i;
+  for (int q = 0; q < kQueriesPerLookup; ++q) {
+    TrackedQuery &query = lookup.queries[q];
+    query.type = q < typeCount ? types[q] : 0;
+    if (query.type == 0) continue;
+    uint16_t id = context->id;
+    if ((ext->checks & ASYNC_DNS_RANDOM_ID) != 0 && !drawId(context, tracker, &id)) {
       RK_LOG_AS(error, origin, "error getrandom");
-      lookup->used = false;
+      for (int opened = 0; opened < q; ++opened) {
+        if ((tracker->open[i] & (1u << opened)) != 0) closeQuery(tracker, i, opened);
+      }
+      tracker->used &= ~(uint64_t{1} << i);
       return -1;
     }
-    q.type = types[i];
-    q.open = true;
-    q.sendings = 1;
-    q.awaiting = servers;
-    q.deadline = now + waitMs(ext);
+    openQuery(tracker, i, q, id);
+    query.sendings = 1;
+    query.awaiting = servers;
+    query.deadline = now + waitMs(ext);
   }
-  lookup->nameLength = length;
-  memcpy(lookup->name, name, length);
-  lookup->name[length] = '\0';
-  for (const TrackedQuery &q : lookup->queries) {
-    if (q.type != 0) sendQuery(context, *lookup, q);
-  }
+  sendQueries(context, tracker, i, tracker->open[i]);
   armTimer(ext, now + waitMs(ext), now);
   return 0;
 }
 
 QueryRef findQueryById(ContextExtension *ext, uint16_t id) noexcept {
-  for (TrackedLookup &l : ext->tracker->lookups) {
-    if (!l.used) continue;
-    for (TrackedQuery &q : l.queries) {
-      if (q.type != 0 && q.open && q.id == id) return {&l, &q};
-    }
-  }
-  return {nullptr, nullptr};
+  const int ref = openQueryWithId(ext->tracker, id);
+  if (ref < 0) return {nullptr, 0, 0};
+  return {ext->tracker, ref / kQueriesPerLookup, ref % kQueriesPerLookup};
 }
 
 bool asksQuestion(const QueryRef &ref, WireView question) noexcept {
-  const size_t length = ref.lookup->nameLength;
-  return question.u16(length + 2) == ref.query->type && question.u16(length + 4) == kClassIn &&
-         sameEncodedName(question, ref.lookup->name, length);
+  const TrackedLookup &lookup = ref.tracker->lookups[ref.lookup];
+  const size_t length = lookup.nameLength;
+  return question.u16(length + 2) == lookup.queries[ref.query].type && question.u16(length + 4) == kClassIn &&
+         sameEncodedName(question, lookup.name, length);
 }
 
 QueryRef findQueryByQuestion(ContextExtension *ext, WireView question) noexcept {
-  for (TrackedLookup &l : ext->tracker->lookups) {
-    if (!l.used) continue;
-    for (TrackedQuery &q : l.queries) {
-      if (q.type == 0 || !q.open) continue;
-      const QueryRef ref{&l, &q};
-      if (asksQuestion(ref, question)) return ref;
+  Tracker *tracker = ext->tracker;
+  for (uint64_t bits = tracker->used; bits != 0;) {
+    const int i = nextLookup(&bits);
+    for (int q = 0; q < kQueriesPerLookup; ++q) {
+      const QueryRef ref{tracker, i, q};
+      if ((tracker->open[i] & (1u << q)) != 0 && asksQuestion(ref, question)) return ref;
     }
   }
-  return {nullptr, nullptr};
+  return {nullptr, 0, 0};
 }
 
 void answerQuery(const QueryRef &ref, bool gotAddress, int reason, bool perServer, LookupEnd *end) noexcept {
-  TrackedLookup *lookup = ref.lookup;
-  if (gotAddress) lookup->gotAddress = true;
-  if (reason != 0 && lookup->reason == 0) lookup->reason = reason;
-  if (perServer && ref.query->awaiting > 1) {
-    --ref.query->awaiting;
+  Tracker *tracker = ref.tracker;
+  TrackedLookup &lookup = tracker->lookups[ref.lookup];
+  if (gotAddress) lookup.gotAddress = true;
+  if (reason != 0 && lookup.reason == 0) lookup.reason = reason;
+  TrackedQuery &query = lookup.queries[ref.query];
+  if (perServer && query.awaiting > 1) {
+    --query.awaiting;
     return;
   }
-  ref.query->open = false;
-  if (!hasOpenQuery(*lookup)) endLookup(lookup, end);
+  closeQuery(tracker, ref.lookup, ref.query);
+  if (tracker->open[ref.lookup] == 0) endLookup(tracker, ref.lookup, end);
 }
 
 void reportEnd(AsyncDnsContext *context, const LookupEnd &end) noexcept {

@@ -14,25 +14,23 @@
 
 namespace rk::dns {
 
-constexpr size_t kMaxLookupsInFlight = 64;
-constexpr int kQueriesPerLookup = 2;           // A and AAAA; a PTR lookup uses one
-constexpr size_t kTrackedNameMax = 253;        // the longest name an answer can carry
-constexpr uint32_t kDefaultQueryWaitMs = 5000;  // without a retry: one sending, this long
-constexpr int kDrainPerEvent = 32;             // datagrams one read event takes at most
-constexpr size_t kIdPoolSize = 64;             // random identifiers fetched per getrandom
+constexpr int kMaxLookupsInFlight = 64;           // one bit each in Tracker::used
+constexpr int kQueriesPerLookup = 2;              // A and AAAA; a PTR lookup uses one
+constexpr size_t kTrackedNameMax = 253;           // the longest name an answer can carry
+constexpr uint32_t kDefaultQueryWaitMs = 5000;    // without a retry: one sending, this long
+constexpr unsigned kDrainPerEvent = 16;           // datagrams one read event takes at most
+constexpr size_t kDrainDatagramSize = 4096;       // the longest a tracked context takes
+constexpr size_t kIdPoolSize = 64;                // random identifiers fetched per getrandom
 constexpr unsigned kKnownChecks = ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID;
 
 struct TrackedQuery {
   uint16_t type;      // QTYPE; 0 for an unused slot
-  uint16_t id;        // as on the wire
-  bool open;          // neither answered nor over
   uint32_t sendings;  // done so far
   uint32_t awaiting;  // servers of the last sending that may still answer
   uint64_t deadline;  // GetTickCount at which the current sending's wait ends
 };
 
 struct TrackedLookup {
-  bool used;
   bool gotAddress;  // an answer delivered an address
   int reason;       // the first failure an answer gave, 0 for none
   TrackedQuery queries[kQueriesPerLookup];
@@ -40,7 +38,19 @@ struct TrackedLookup {
   char name[kTrackedNameMax + 1];  // as asked
 };
 
+// The lookups in flight. What answers are matched by (which lookups are in
+// use, which queries are open, their identifiers) is kept apart in small
+// arrays, so that a search touches a few cache lines, not every lookup.
+constexpr size_t kIdBuckets = 256;  // open queries hashed by the low byte of their identifier
+
 struct Tracker {
+  uint64_t used;                                      // bit i: lookups[i] is in flight
+  uint8_t open[kMaxLookupsInFlight];                  // bit q: its query q awaits an answer
+  uint16_t ids[kMaxLookupsInFlight][kQueriesPerLookup];  // as on the wire
+  // Every open query, by identifier: chains of query numbers (lookup * 2 +
+  // query) plus one, 0 ending a chain.
+  uint8_t idBucket[kIdBuckets];
+  uint8_t idNext[kMaxLookupsInFlight * kQueriesPerLookup];
   TrackedLookup lookups[kMaxLookupsInFlight];
   uint16_t idPool[kIdPoolSize];
   size_t idsLeft;
@@ -77,11 +87,12 @@ inline bool isTracked(const ContextExtension *ext) noexcept {
   return ext->checks != 0 || ext->retryMs != 0 || ext->failure != nullptr;
 }
 
-// The query an answer belongs to, or both null.
+// The query an answer belongs to, or none.
 struct QueryRef {
-  TrackedLookup *lookup;
-  TrackedQuery *query;
-  explicit operator bool() const noexcept { return query != nullptr; }
+  Tracker *tracker;
+  int lookup;
+  int query;
+  explicit operator bool() const noexcept { return tracker != nullptr; }
 };
 
 // A lookup that an answer or a deadline ended: what its failure report
@@ -122,9 +133,10 @@ bool fromServer(AsyncDnsContext *context, const struct sockaddr_storage *from) n
 // was taken, -1 when refused.
 int processTrackedDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
                            const struct sockaddr_storage *from) noexcept;
-// Reads up to kDrainPerEvent datagrams without blocking and judges each as
-// above; stops quietly when none is left. -1 after a failed read ("error
-// recvfrom", as checkDnsSocket logs it).
+// Reads what has arrived, up to kDrainPerEvent datagrams in one call, and
+// judges each as above; nothing there is no error. A datagram longer than
+// kDrainDatagramSize is refused ("error size(LENGTH)"). -1 after a failed
+// read ("error recvfrom", as checkDnsSocket logs it).
 int drainDnsSocket(AsyncDnsContext *context, int fd) noexcept;
 
 // Set-up of a new context's extension (which calloc has zeroed).

@@ -86,10 +86,7 @@ void onFailure(AsyncDnsContext *context, const char *name, int reason) {
 // forgotten and the lookup made anew when answers or look-ups changed it.
 void keepOneLookup(AsyncDnsContext *c) {
   const rk::dns::Tracker *tracker = rk::dns::extensionOf(c)->tracker;  // none before the first set-up
-  int used = 0;
-  if (tracker != nullptr)
-    for (const rk::dns::TrackedLookup &l : tracker->lookups) used += l.used;
-  if (used == 1) return;
+  if (tracker != nullptr && __builtin_popcountll(tracker->used) == 1) return;
   asyncDns_setChecks(c, 0);
   asyncDns_setFailureCallback(c, nullptr);
   if (asyncDns_setChecks(c, ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID) != 0 ||
@@ -99,10 +96,8 @@ void keepOneLookup(AsyncDnsContext *c) {
 }
 
 uint16_t idInFlight(AsyncDnsContext *c) {
-  for (const rk::dns::TrackedLookup &l : rk::dns::extensionOf(c)->tracker->lookups) {
-    if (l.used) return l.queries[0].id;
-  }
-  return 0;
+  const rk::dns::Tracker *tracker = rk::dns::extensionOf(c)->tracker;
+  return tracker->ids[__builtin_ctzll(tracker->used)][0];
 }
 
 FuzzState &state() {

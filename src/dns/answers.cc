@@ -230,7 +230,7 @@ int reasonOf(uint8_t code) noexcept {
 // datagram that matches no query may still pass (no question check): it is
 // then processed as on an untracked context and closes nothing.
 bool matchTracked(const Datagram &dg, ContextExtension *ext, QueryRef *ref) noexcept {
-  const unsigned checks = ext->checks;
+  const unsigned checks = ext->settings.checks;
   if ((checks & ASYNC_DNS_CHECK_SENDER) != 0 && !fromServer(dg.context, dg.from)) {
     const SenderSuffix sender(dg.from);
     RK_LOG_AS(info, kOrigin, "error sender%s%s", sender.lead(), sender.text());
@@ -295,7 +295,7 @@ int processTrackedDatagram(AsyncDnsContext *context, const uint8_t *data, size_t
   LookupEnd end{};
   // Only a context that checks or reports reads the response code; one that
   // only retries takes any answer as today, and it closes its query.
-  const bool readCode = ext->checks != 0 || ext->failure != nullptr;
+  const bool readCode = ext->settings.checks != 0 || ext->settings.failure != nullptr;
   const uint8_t code = readCode ? static_cast<uint8_t>(dg.bytes[3] & kRcodeMask) : uint8_t{kNoError};
   if (code != kNoError) {
     // An error response delivers nothing; NXDOMAIN is the name's own answer,

@@ -6,7 +6,6 @@
 #include <routerkit/log.h>  // GetTickCount
 
 #include <arpa/inet.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -35,10 +34,12 @@ AsyncDnsContext *contextOfTimer(struct uloop_timeout *t) noexcept {
   return &reinterpret_cast<ContextBox *>(reinterpret_cast<char *>(ext) - offsetof(ContextBox, ext))->record;
 }
 
-uint32_t waitMs(const ContextExtension *ext) noexcept { return ext->retryMs != 0 ? ext->retryMs : kDefaultQueryWaitMs; }
+uint32_t waitMs(const ContextExtension *ext) noexcept {
+  return ext->settings.retryMs != 0 ? ext->settings.retryMs : kDefaultQueryWaitMs;
+}
 
 uint32_t sendingsAllowed(const ContextExtension *ext) noexcept {
-  return ext->retryMs != 0 && ext->attempts > 1 ? ext->attempts : 1;
+  return ext->settings.retryMs != 0 && ext->settings.attempts > 1 ? ext->settings.attempts : 1;
 }
 
 // The servers a sending reaches: those of each family whose socket is open.
@@ -237,18 +238,15 @@ bool sameEncodedName(WireView wire, const char *name, size_t length) noexcept {
 
 // Makes the table when a setting first asks for it; on a context that stops
 // being tracked, forgets what was in flight (no report follows for it).
-int applySettings(ContextExtension *ext, const ContextExtension &wanted, const char *origin) noexcept {
-  if (isTracked(&wanted) && ext->tracker == nullptr) {
+int applySettings(ContextExtension *ext, const TrackSettings &wanted, const char *origin) noexcept {
+  if (isTracked(wanted) && ext->tracker == nullptr) {
     ext->tracker = static_cast<Tracker *>(calloc(1, sizeof(Tracker)));
     if (ext->tracker == nullptr) {
       RK_LOG_AS(error, origin, "calloc error");
       return -1;
     }
   }
-  ext->checks = wanted.checks;
-  ext->retryMs = wanted.retryMs;
-  ext->attempts = wanted.attempts;
-  ext->failure = wanted.failure;
+  ext->settings = wanted;
   if (!isTracked(ext) && ext->tracker != nullptr) {
     uloop_timeout_cancel(&ext->timer);
     ext->tracker->used = 0;
@@ -261,14 +259,14 @@ int applySettings(ContextExtension *ext, const ContextExtension &wanted, const c
 int setChecks(AsyncDnsContext *context, unsigned checks) noexcept {
   if ((checks & ~kKnownChecks) != 0) return -1;
   ContextExtension *ext = extensionOf(context);
-  ContextExtension wanted = *ext;
+  TrackSettings wanted = ext->settings;
   wanted.checks = checks;
   return applySettings(ext, wanted, "asyncDns_setChecks");
 }
 
 int setRetry(AsyncDnsContext *context, uint32_t timeoutMs, uint32_t attempts) noexcept {
   ContextExtension *ext = extensionOf(context);
-  ContextExtension wanted = *ext;
+  TrackSettings wanted = ext->settings;
   wanted.retryMs = timeoutMs;
   wanted.attempts = attempts;
   return applySettings(ext, wanted, "asyncDns_setRetry");
@@ -276,7 +274,7 @@ int setRetry(AsyncDnsContext *context, uint32_t timeoutMs, uint32_t attempts) no
 
 int setFailureCallback(AsyncDnsContext *context, AsyncDnsFailureCallback callback) noexcept {
   ContextExtension *ext = extensionOf(context);
-  ContextExtension wanted = *ext;
+  TrackSettings wanted = ext->settings;
   wanted.failure = callback;
   return applySettings(ext, wanted, "asyncDns_setFailureCallback");
 }
@@ -313,7 +311,7 @@ int startTrackedLookup(AsyncDnsContext *context, const char *name, size_t length
     query.type = q < typeCount ? types[q] : 0;
     if (query.type == 0) continue;
     uint16_t id = context->id;
-    if ((ext->checks & ASYNC_DNS_RANDOM_ID) != 0 && !drawId(context, tracker, &id)) {
+    if ((ext->settings.checks & ASYNC_DNS_RANDOM_ID) != 0 && !drawId(context, tracker, &id)) {
       RK_LOG_AS(error, origin, "error getrandom");
       for (int opened = 0; opened < q; ++opened) {
         if ((tracker->open[i] & (1u << opened)) != 0) closeQuery(tracker, i, opened);
@@ -372,7 +370,7 @@ void answerQuery(const QueryRef &ref, bool gotAddress, int reason, bool perServe
 
 void reportEnd(AsyncDnsContext *context, const LookupEnd &end) noexcept {
   if (!end.failed) return;
-  const AsyncDnsFailureCallback failure = extensionOf(context)->failure;
+  const AsyncDnsFailureCallback failure = extensionOf(context)->settings.failure;
   if (failure != nullptr) failure(context, end.name, end.reason);
 }
 

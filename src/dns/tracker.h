@@ -56,11 +56,16 @@ struct Tracker {
   size_t idsLeft;
 };
 
-struct ContextExtension {
+// What the daemon opted into.
+struct TrackSettings {
   unsigned checks;
   uint32_t retryMs;  // 0: no retry
   uint32_t attempts;
   AsyncDnsFailureCallback failure;
+};
+
+struct ContextExtension {
+  TrackSettings settings;
   void *userData;
   Tracker *tracker;             // made when first needed, kept until destroy
   struct uloop_timeout timer;   // armed for the earliest deadline in flight
@@ -83,9 +88,10 @@ inline ContextExtension *extensionOf(AsyncDnsContext *context) noexcept {
 }
 
 // Checks, a retry or a failure callback: the table is in use.
-inline bool isTracked(const ContextExtension *ext) noexcept {
-  return ext->checks != 0 || ext->retryMs != 0 || ext->failure != nullptr;
+inline bool isTracked(const TrackSettings &settings) noexcept {
+  return settings.checks != 0 || settings.retryMs != 0 || settings.failure != nullptr;
 }
+inline bool isTracked(const ContextExtension *ext) noexcept { return isTracked(ext->settings); }
 
 // The query an answer belongs to, or none.
 struct QueryRef {

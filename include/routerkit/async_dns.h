@@ -181,7 +181,9 @@ typedef void (*AsyncDnsFailureCallback)(AsyncDnsContext *context, const char *na
  * "...error question(NAME,TYPE) from ADDR" (none in flight asks it), and the
  * size, identifier and question count messages above.
  *
- * Both callbacks may start lookups. Neither may destroy the context.
+ * Both callbacks may start lookups. Neither may destroy the context. A
+ * context that stops being tracked forgets what it had in flight, without
+ * reports.
  */
 
 /* 0, or -1 for a NULL context, a bit not defined above, or no memory for

@@ -3,16 +3,20 @@
 // responder's work is not counted as the client's CPU time).
 //
 // Google Benchmark runs:
-//   BM_EndToEnd/<client>   lookups answered per second, 32 in flight, A+AAAA
-//                          each, unique names; routerkit, c-ares and a bare UDP
-//                          client that only sends and reads (the floor), also
-//                          in the routerkit client's one-datagram-per-event shape
+//   BM_EndToEnd/<client>   lookups answered per second, 32 (or 1) in flight,
+//                          A+AAAA each, unique names; routerkit untracked and
+//                          checked (every check: sender, question, random
+//                          identifiers, so a table of queries in flight and a
+//                          drained socket), c-ares and a bare UDP client that
+//                          only sends and reads (the floor), also in the
+//                          untracked client's one-datagram-per-event shape
 //   BM_CacheHit/<client>   routerkit answering from its cache inside
 //                          asyncLookup; c-ares 1.18 has no cache, so its
 //                          nearest local answer, the hosts file, stands beside it
 //
 // Probe modes for measurements outside Google Benchmark (one per process):
-//   --probe=e2e-ours|e2e-cares|e2e-floor|e2e-floor1|hit-ours|hit-cares --count=N [--ttl=S]
+//   --probe=e2e-ours|e2e-checked|e2e-cares|e2e-floor|e2e-floor1|hit-ours|hit-cares --count=N [--ttl=S]
+//        [--inflight=1..32]
 //        warm up, then N lookups with callgrind collection switched on for
 //        this thread only (run under valgrind --tool=callgrind
 //        --collect-atstart=no); natively it just runs them
@@ -130,12 +134,15 @@ class Driver {
   virtual ~Driver() = default;
   virtual bool ok() const = 0;
 
+  // Lookups kept in flight, 1 to kInFlight; set before the first run.
+  void setInFlight(int n) { inFlight_ = n < 1 ? 1 : n > kInFlight ? kInFlight : n; }
+
   // Runs the loop until `more` further lookups have been answered.
   bool run(uint64_t more) {
     target_ = answered_ + more;
     if (!started_) {
       started_ = true;
-      for (int s = 0; s < kInFlight; ++s) issue(s);
+      for (int s = 0; s < inFlight_; ++s) issue(s);
     }
     Watchdog w(&answered_);
     while (answered_ < target_ && !w.stalled()) uloop_run();
@@ -183,16 +190,21 @@ class Driver {
   uint64_t answered_ = 0;
   uint64_t target_ = 0;
   uint64_t seq_ = 0;
+  int inFlight_ = kInFlight;
   bool started_ = false;
   char name_[64];
 };
 
-// routerkit: one A and one AAAA answer per lookup, each its own callback.
+// routerkit: one A and one AAAA answer per lookup, each its own callback;
+// `checked` turns every check on.
 class OursDriver : public Driver {
  public:
-  OursDriver() : ctx_(asyncDns_create(&OursDriver::onAnswer)) {
+  explicit OursDriver(bool checked = false) : ctx_(asyncDns_create(&OursDriver::onAnswer)) {
     instance_ = this;
     if (ctx_) asyncDns_AddServer(ctx_.get(), "127.0.0.1");
+    if (ctx_ && checked &&
+        asyncDns_setChecks(ctx_.get(), ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID) != 0)
+      ctx_.reset();
   }
   ~OursDriver() override { instance_ = nullptr; }
   bool ok() const override { return ctx_ != nullptr; }
@@ -223,6 +235,10 @@ class OursDriver : public Driver {
 };
 OursDriver *OursDriver::instance_ = nullptr;
 
+struct CheckedDriver : OursDriver {
+  CheckedDriver() : OursDriver(true) {}
+};
+
 // c-ares: ares_getaddrinfo (AF_UNSPEC, so A and AAAA) with its sockets on
 // the same uloop through the socket-state callback and ares_process_fd.
 class CaresDriver : public Driver {
@@ -243,6 +259,9 @@ class CaresDriver : public Driver {
     hints_.ai_flags = ARES_AI_NOSORT;
   }
   ~CaresDriver() override {
+    // Cancelled first: c-ares 1.18 asserts in ares_destroy when a lookup of
+    // both families is still half in flight.
+    if (channel_) ares_cancel(channel_);
     if (channel_) ares_destroy(channel_);
     current_ = nullptr;
   }
@@ -441,6 +460,7 @@ void endToEnd(benchmark::State &state) {
   LoopScope loop;
   D driver;
   if (!driver.ok()) return state.SkipWithError("client setup failed");
+  driver.setInFlight(static_cast<int>(state.range(1)));
   if (!driver.run(4 * kBatch)) return state.SkipWithError("warm-up stalled");
   const uint64_t first = driver.answered();
   const uint64_t cpu0 = threadCpuNs(), wall0 = wallNs();
@@ -454,6 +474,7 @@ void endToEnd(benchmark::State &state) {
 }
 
 void BM_EndToEnd_Routerkit(benchmark::State &state) { endToEnd<OursDriver>(state); }
+void BM_EndToEnd_Checked(benchmark::State &state) { endToEnd<CheckedDriver>(state); }
 void BM_EndToEnd_Cares(benchmark::State &state) { endToEnd<CaresDriver>(state); }
 void BM_EndToEnd_BareUdpFloor(benchmark::State &state) { endToEnd<FloorDriver<false>>(state); }
 void BM_EndToEnd_BareUdpOnePerEvent(benchmark::State &state) { endToEnd<FloorDriver<true>>(state); }
@@ -490,10 +511,16 @@ void BM_CacheHit_CaresHostsFile(benchmark::State &state) {
 
 // TTL 300: the routerkit client caches both answers of every lookup, as in a
 // daemon; TTL 0: nothing is cached. c-ares and the floor cache nothing anyway.
-BENCHMARK(BM_EndToEnd_Routerkit)->ArgName("ttl")->Arg(300)->Arg(0)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_EndToEnd_Cares)->ArgName("ttl")->Arg(300)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_EndToEnd_BareUdpFloor)->ArgName("ttl")->Arg(300)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_EndToEnd_BareUdpOnePerEvent)->ArgName("ttl")->Arg(300)->UseRealTime()->MinTime(2.0);
+// 32 lookups in flight, and 1 (each lookup waits for the one before).
+BENCHMARK(BM_EndToEnd_Routerkit)->ArgNames({"ttl", "inflight"})->Args({300, 32})->Args({0, 32})->Args({300, 1})
+    ->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_EndToEnd_Checked)->ArgNames({"ttl", "inflight"})->Args({300, 32})->Args({300, 1})->UseRealTime()
+    ->MinTime(2.0);
+BENCHMARK(BM_EndToEnd_Cares)->ArgNames({"ttl", "inflight"})->Args({300, 32})->Args({300, 1})->UseRealTime()
+    ->MinTime(2.0);
+BENCHMARK(BM_EndToEnd_BareUdpFloor)->ArgNames({"ttl", "inflight"})->Args({300, 32})->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_EndToEnd_BareUdpOnePerEvent)->ArgNames({"ttl", "inflight"})->Args({300, 32})->UseRealTime()
+    ->MinTime(2.0);
 BENCHMARK(BM_ZeroReceiveBuffer);
 BENCHMARK(BM_CacheHit_Routerkit)->MinTime(1.0);
 BENCHMARK(BM_CacheHit_CaresHostsFile)->MinTime(1.0);
@@ -501,12 +528,14 @@ BENCHMARK(BM_CacheHit_CaresHostsFile)->MinTime(1.0);
 // ---- probes ----------------------------------------------------------------
 
 template <typename D>
-int probeEndToEnd(uint64_t count, uint32_t ttl) {
+int probeEndToEnd(uint64_t count, uint32_t ttl, int inFlight) {
   if (!responder().ok()) return 1;
   responder().SetTtl(ttl);
   LoopScope loop;
   D driver;
-  if (!driver.ok() || !driver.run(2000)) return 1;
+  if (!driver.ok()) return 1;
+  driver.setInFlight(inFlight);
+  if (!driver.run(2000)) return 1;
   RK_TOGGLE_COLLECT();
   bool ok = driver.run(count);
   RK_TOGGLE_COLLECT();
@@ -583,11 +612,12 @@ int probeChurn(uint64_t count) {
   return after == before ? 0 : 4;
 }
 
-int runProbe(const std::string &mode, uint64_t count, uint32_t ttl) {
-  if (mode == "e2e-ours") return probeEndToEnd<OursDriver>(count, ttl);
-  if (mode == "e2e-cares") return probeEndToEnd<CaresDriver>(count, ttl);
-  if (mode == "e2e-floor") return probeEndToEnd<FloorDriver<false>>(count, ttl);
-  if (mode == "e2e-floor1") return probeEndToEnd<FloorDriver<true>>(count, ttl);
+int runProbe(const std::string &mode, uint64_t count, uint32_t ttl, int inFlight) {
+  if (mode == "e2e-ours") return probeEndToEnd<OursDriver>(count, ttl, inFlight);
+  if (mode == "e2e-checked") return probeEndToEnd<CheckedDriver>(count, ttl, inFlight);
+  if (mode == "e2e-cares") return probeEndToEnd<CaresDriver>(count, ttl, inFlight);
+  if (mode == "e2e-floor") return probeEndToEnd<FloorDriver<false>>(count, ttl, inFlight);
+  if (mode == "e2e-floor1") return probeEndToEnd<FloorDriver<true>>(count, ttl, inFlight);
   if (mode == "hit-ours") {
     LoopScope loop;
     OursCacheHit hit;
@@ -619,14 +649,16 @@ int main(int argc, char **argv) {
   std::string probe;
   uint64_t count = 10000;
   uint32_t ttl = 300;
+  int inFlight = rk::bench::kInFlight;
   for (int i = 1; i < argc; ++i) {
+    if (strncmp(argv[i], "--inflight=", 11) == 0) inFlight = atoi(argv[i] + 11);
     if (strncmp(argv[i], "--probe=", 8) == 0) probe = argv[i] + 8;
     if (strncmp(argv[i], "--count=", 8) == 0) count = strtoull(argv[i] + 8, nullptr, 10);
     if (strncmp(argv[i], "--ttl=", 6) == 0) ttl = static_cast<uint32_t>(strtoul(argv[i] + 6, nullptr, 10));
   }
   int rc;
   if (!probe.empty()) {
-    rc = rk::bench::runProbe(probe, count, ttl);
+    rc = rk::bench::runProbe(probe, count, ttl, inFlight);
   } else {
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

@@ -5,7 +5,10 @@
  *
  * Reads its settings and targets from the UCI package PACKAGE (default
  * "reachd"), then, each round, on one uloop:
- *   1. resolves the targets that are names with the async DNS client,
+ *   1. resolves the targets that are names with the async DNS client, which
+ *      takes answers only from its servers, only to its own questions and
+ *      with the random identifier of their query, sends a query again when
+ *      half of TIMEOUT has passed, and says why a name got no address,
  *   2. pings every target COUNT times, INTERVAL ms apart, with the async
  *      ping client (on unprivileged ICMP sockets where the daemon's group is
  *      in net.ipv4.ping_group_range, else on raw ones), and waits TIMEOUT ms
@@ -13,9 +16,9 @@
  *   3. records each target's mean round trip in the internet delay record,
  *      logs a line per target, and calls the Lua hook's on_round() with the
  *      results.
- * Neither client has a timer or a retry: every deadline here is the
- * daemon's own uloop_timeout. With -1 (or option period 0) it runs one round
- * and exits: 0 when every target answered, 1 otherwise.
+ * The ping client has no timer: the rounds' deadlines are the daemon's own
+ * uloop_timeouts. With -1 (or option period 0) it runs one round and exits:
+ * 0 when every target answered, 1 otherwise.
  *
  * The package (see reachd.config):
  *   config reachd 'main'
@@ -47,19 +50,22 @@
 
 #define MAX_TARGETS 32
 #define TEXT 128
+/* The DNS client's own deadline ends a lookup; the daemon's comes this much later. */
+#define BACKSTOP_MS 100
 
 struct target {
   char host[TEXT];
   char label[16];
   char address[INET6_ADDRSTRLEN]; /* empty until known */
+  const char *failure;            /* why the name got no address, or NULL */
   int family;
   unsigned sent, received;
   unsigned long long rtt_sum; /* microseconds */
 };
 
-/* The DNS client's callback gets no pointer of ours: the daemon's state is
- * one static record, which the ping client hands back as its user data. */
-static struct reachd {
+/* The daemon's state is one static record; both clients hand it back as
+ * their user data. */
+struct reachd {
   const char *package;
   uint32_t count, interval, timeout, period;
   char hook_path[TEXT];
@@ -73,7 +79,8 @@ static struct reachd {
   unsigned char answered[65536 / 8];   /* a bit per sequence number: replied to */
   struct uloop_timeout resolve_deadline, send_timer, round_end, next_round;
   int once, failed;
-} d;
+};
+static struct reachd d;
 
 static int text_family(const char *text, char *canonical) {
   unsigned char buf[16];
@@ -142,11 +149,18 @@ static void add_servers(void) {
 
 /* ---- the clients' callbacks -------------------------------------------- */
 
+/* Every name has an address or has failed: go on with the pings. */
+static void check_names(struct reachd *r) {
+  int i, waiting = 0;
+  for (i = 0; i < r->ntargets; i++) waiting += !r->targets[i].address[0] && !r->targets[i].failure;
+  if (!waiting && r->resolve_deadline.pending) uloop_timeout_set(&r->resolve_deadline, 0);
+}
+
 static int on_dns(AsyncDnsContext *ctx, const char *name, DnsResult *result) {
-  int i, j, waiting = 0;
-  (void)ctx;
-  for (i = 0; i < d.ntargets; i++) {
-    struct target *t = &d.targets[i];
+  struct reachd *r = asyncDns_getUserData(ctx);
+  int i, j;
+  for (i = 0; i < r->ntargets; i++) {
+    struct target *t = &r->targets[i];
     if (t->address[0] || strcasecmp(t->host, name) != 0) continue;
     for (j = 0; j < result->count && !t->address[0]; j++) {
       const DnsAddressEntry *a = &result->slots[j];
@@ -155,9 +169,20 @@ static int on_dns(AsyncDnsContext *ctx, const char *name, DnsResult *result) {
                 sizeof t->address);
     }
   }
-  for (i = 0; i < d.ntargets; i++) waiting += !d.targets[i].address[0];
-  if (!waiting && d.resolve_deadline.pending) uloop_timeout_set(&d.resolve_deadline, 0); /* all known: go on */
+  check_names(r);
   return 0;
+}
+
+static void on_dns_failure(AsyncDnsContext *ctx, const char *name, int reason) {
+  static const char *const reasons[] = {"?", "NXDOMAIN", "NODATA", "SERVFAIL", "REFUSED", "timeout"};
+  struct reachd *r = asyncDns_getUserData(ctx);
+  int i;
+  for (i = 0; i < r->ntargets; i++) {
+    struct target *t = &r->targets[i];
+    if (!t->address[0] && strcasecmp(t->host, name) == 0)
+      t->failure = reasons[reason >= ASYNC_DNS_NXDOMAIN && reason <= ASYNC_DNS_TIMEOUT ? reason : 0];
+  }
+  check_names(r);
 }
 
 static void on_reply(AsyncPingContext *ctx, const char *address, uint16_t seq, uint32_t us) {
@@ -213,7 +238,7 @@ static void end_round(struct uloop_timeout *timer) {
     struct json_object *o = json_object_new_object();
     double avg = t->received ? (double)t->rtt_sum / t->received / 1000 : 0; /* ms */
     if (!t->address[0]) {
-      log_warn("%s: %s not resolved", t->label, t->host);
+      log_warn("%s: %s not resolved: %s", t->label, t->host, t->failure ? t->failure : "timeout");
     } else if (!t->received) {
       log_warn("%s: %s (%s) no reply to %u requests", t->label, t->host, t->address, t->sent);
     } else {
@@ -267,6 +292,7 @@ static void start_round(struct uloop_timeout *timer) {
     struct target *t = &d.targets[i];
     t->sent = t->received = 0;
     t->rtt_sum = 0;
+    t->failure = NULL;
     t->family = text_family(t->host, t->address);
     if (!t->family) {
       t->address[0] = '\0';
@@ -274,8 +300,8 @@ static void start_round(struct uloop_timeout *timer) {
       names++;
     }
   }
-  /* Names get until the timeout to resolve; pings go out then. */
-  uloop_timeout_set(&d.resolve_deadline, names ? (int)d.timeout : 0);
+  /* Names get until the timeout to resolve (or fail); pings go out then. */
+  uloop_timeout_set(&d.resolve_deadline, names ? (int)d.timeout + BACKSTOP_MS : 0);
 }
 
 int main(int argc, char **argv) {
@@ -315,6 +341,13 @@ int main(int argc, char **argv) {
   asyncPing_setReplyCallback(d.ping, on_reply);
   asyncPing_setUserData(d.ping, &d);
   add_servers();
+  asyncDns_setUserData(d.dns, &d);
+  if (asyncDns_setChecks(d.dns, ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID) != 0 ||
+      asyncDns_setRetry(d.dns, d.timeout / 2 ? d.timeout / 2 : 1, 2) != 0 ||
+      asyncDns_setFailureCallback(d.dns, on_dns_failure) != 0) {
+    fprintf(stderr, "reachd: cannot set up the DNS client's checks\n");
+    return 1;
+  }
   if (uciGetOptionString(d.package, "reachd", NULL, "hook", d.hook_path, sizeof d.hook_path) == 0) {
     d.hook = CreateLuaHelper(d.hook_path); /* failures are logged by the library */
     if (d.hook) luaHelperRegister(d.hook, "reachd", hook_api);

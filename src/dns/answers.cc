@@ -3,10 +3,12 @@
 #include <routerkit/async_dns.h>
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <memory>
@@ -15,6 +17,7 @@
 #include "dns/answer.h"
 #include "dns/cache.h"
 #include "dns/codec.h"
+#include "dns/tracker.h"
 
 namespace rk::dns {
 namespace {
@@ -204,7 +207,159 @@ bool walkAnswers(const Datagram &dg, size_t record, int n, char (&name)[kNameBuf
   }
 }
 
+// A tracked context's shortest response: the header and a question for
+// the root name.
+constexpr size_t kMinResponse = kHeaderSize + 1 + kQuestionTail;
+constexpr uint8_t kFlagResponse = 0x80;  // QR, in the first flag byte
+constexpr uint8_t kRcodeMask = 0x0F;     // RCODE, in the second
+enum ResponseCode : uint8_t { kNoError = 0, kServFail = 2, kNxDomain = 3, kRefused = 5 };
+
+int reasonOf(uint8_t code) noexcept {
+  switch (code) {
+    case kNxDomain:
+      return ASYNC_DNS_NXDOMAIN;
+    case kRefused:
+      return ASYNC_DNS_REFUSED;
+    default:
+      return ASYNC_DNS_SERVFAIL;
+  }
+}
+
+// The query of a tracked context that a datagram answers, judged by the
+// checks the context asked for; a refusal is logged and gives false. A
+// datagram that matches no query may still pass (no question check): it is
+// then processed as on an untracked context and closes nothing.
+bool matchTracked(const Datagram &dg, ContextExtension *ext, QueryRef *ref) noexcept {
+  const unsigned checks = ext->settings.checks;
+  if ((checks & ASYNC_DNS_CHECK_SENDER) != 0 && !fromServer(dg.context, dg.from)) {
+    const SenderSuffix sender(dg.from);
+    RK_LOG_AS(info, kOrigin, "error sender%s%s", sender.lead(), sender.text());
+    return false;
+  }
+  const size_t len = dg.bytes.size();
+  if (len < kMinResponse) {
+    const SenderSuffix sender(dg.from);
+    RK_LOG_AS(info, kOrigin, "error size(%d)%s%s", static_cast<int>(len), sender.lead(), sender.text());
+    return false;
+  }
+  uint16_t id;
+  memcpy(&id, dg.bytes.at(0), sizeof id);
+  *ref = {nullptr, 0, 0};
+  if ((checks & ASYNC_DNS_RANDOM_ID) != 0) {
+    *ref = findQueryById(ext, id);
+    if (!*ref) {
+      const SenderSuffix sender(dg.from);
+      RK_LOG_AS(info, kOrigin, "error id(%x)%s%s", static_cast<unsigned>(id), sender.lead(), sender.text());
+      return false;
+    }
+  } else if (id != dg.context->id) {
+    const SenderSuffix sender(dg.from);
+    RK_LOG_AS(info, kOrigin, "error id(%x,%x)%s%s", static_cast<unsigned>(id),
+              static_cast<unsigned>(dg.context->id), sender.lead(), sender.text());
+    return false;
+  }
+  const uint16_t questions = dg.bytes.u16(kOffQdCount);
+  if (questions != 1) {
+    const SenderSuffix sender(dg.from);
+    RK_LOG_AS(info, kOrigin, "error questCount(%d)%s%s", static_cast<int>(questions), sender.lead(),
+              sender.text());
+    return false;
+  }
+  const WireView question = dg.bytes.from(kHeaderSize);
+  const bool checkQuestion = (checks & ASYNC_DNS_CHECK_QUESTION) != 0;
+  if (!*ref) {
+    *ref = findQueryByQuestion(ext, question);
+  } else if (checkQuestion && !asksQuestion(*ref, question)) {
+    *ref = {nullptr, 0, 0};
+  }
+  if (checkQuestion && (!*ref || (dg.bytes[2] & kFlagResponse) == 0)) {
+    char name[kNameBufferSize];
+    const size_t q = ChangeLabelsToDnsName(name, question);
+    const SenderSuffix sender(dg.from);
+    RK_LOG_AS(info, kOrigin, "error question(%s,%d)%s%s", name, static_cast<int>(question.u16(q + 2)),
+              sender.lead(), sender.text());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
+
+int processTrackedDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
+                           const struct sockaddr_storage *from) noexcept {
+  if (context == nullptr || data == nullptr) return -1;
+  ContextExtension *ext = extensionOf(context);
+  const Datagram dg{context, WireView(data, len), from};
+  QueryRef ref;
+  if (!matchTracked(dg, ext, &ref)) return -1;
+  LookupEnd end{};
+  // Only a context that checks or reports reads the response code; one that
+  // only retries takes any answer as today, and it closes its query.
+  const bool readCode = ext->settings.checks != 0 || ext->settings.failure != nullptr;
+  const uint8_t code = readCode ? static_cast<uint8_t>(dg.bytes[3] & kRcodeMask) : uint8_t{kNoError};
+  if (code != kNoError) {
+    // An error response delivers nothing; NXDOMAIN is the name's own answer,
+    // the others only this server's.
+    if (ref) answerQuery(ref, false, reasonOf(code), code != kNxDomain, &end);
+    reportEnd(context, end);
+    return 0;
+  }
+  char name[kNameBufferSize];
+  const size_t q = ChangeLabelsToDnsName(name, dg.bytes.from(kHeaderSize));
+  const size_t firstAnswer = kHeaderSize + q + 2 + kQuestionTail;
+  const int n = q != 0 && firstAnswer < len ? std::min<int>(dg.bytes.u16(kOffAnCount), kMaxAnswers) : 0;
+  // Room for the most a datagram delivers, on the stack: a tracked context
+  // allocates nothing per answer.
+  alignas(DnsResult) uint8_t room[sizeof(DnsResult) + kMaxAnswers * sizeof(DnsAddressEntry)];
+  auto *result = reinterpret_cast<DnsResult *>(room);
+  result->count = 0;
+  for (int i = 0; i < n; ++i) memset(&result->slots[i], 0, sizeof result->slots[i]);
+  const bool delivered = n > 0 && walkAnswers(dg, firstAnswer, n, name, result) && result->count > 0;
+  if (ref) answerQuery(ref, delivered, delivered ? 0 : ASYNC_DNS_NODATA, false, &end);
+  if (delivered && context->callback != nullptr) context->callback(context, name, result);
+  reportEnd(context, end);
+  return 0;
+}
+
+int drainDnsSocket(AsyncDnsContext *context, int fd) noexcept {
+  // One call takes what has arrived, up to the bound; MSG_TRUNC makes a
+  // longer datagram report its whole length, which refuses it.
+  uint8_t buffers[kDrainPerEvent][kDrainDatagramSize];
+  struct sockaddr_storage from[kDrainPerEvent];
+  struct iovec parts[kDrainPerEvent];
+  struct mmsghdr messages[kDrainPerEvent];
+  for (unsigned i = 0; i < kDrainPerEvent; ++i) {
+    parts[i] = {buffers[i], sizeof buffers[i]};
+    memset(&messages[i], 0, sizeof messages[i]);
+    memset(&from[i], 0, sizeof(struct sockaddr_in6));
+    messages[i].msg_hdr.msg_name = &from[i];
+    messages[i].msg_hdr.msg_namelen = sizeof(struct sockaddr_in6);
+    messages[i].msg_hdr.msg_iov = &parts[i];
+    messages[i].msg_hdr.msg_iovlen = 1;
+  }
+  const int got = recvmmsg(fd, messages, kDrainPerEvent, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+  if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+  if (got < 1) {
+    RK_LOG_AS(error, kOrigin, "error recvfrom");
+    return -1;
+  }
+  for (int i = 0; i < got; ++i) {
+    const size_t length = messages[i].msg_len;
+    if (length < 1) {
+      RK_LOG_AS(error, kOrigin, "error recvfrom");
+    } else if (length > kDrainDatagramSize) {
+      const SenderSuffix sender(&from[i]);
+      RK_LOG_AS(info, kOrigin, "error size(%d)%s%s", static_cast<int>(length), sender.lead(), sender.text());
+    } else if (isTracked(extensionOf(context))) {
+      processTrackedDatagram(context, buffers[i], length, &from[i]);
+    } else {
+      // A callback turned tracking off: the rest of the batch is read as
+      // an untracked context reads.
+      processDatagram(context, buffers[i], length, &from[i]);
+    }
+  }
+  return 0;
+}
 
 int processDatagram(AsyncDnsContext *context, const uint8_t *data, size_t len,
                     const struct sockaddr_storage *from) noexcept {

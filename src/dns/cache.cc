@@ -20,6 +20,10 @@ DnsCacheEntry *entryOf(struct avl_node *node) noexcept {
   return reinterpret_cast<DnsCacheEntry *>(node);
 }
 
+DnsCacheEntry *entryOfUse(struct list_head *use) noexcept {
+  return reinterpret_cast<DnsCacheEntry *>(reinterpret_cast<char *>(use) - offsetof(DnsCacheEntry, use));
+}
+
 // Frees each address of an entry, then the entry. Runs with the mutex held.
 void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
   if (entry == nullptr) return;
@@ -29,6 +33,15 @@ void DnsCache_FreeEntry(DnsCacheEntry *entry) noexcept {
     a = next;
   }
   free(entry);
+}
+
+// Takes an entry out of the tree and the use list and frees it. Runs with
+// the mutex held.
+void dropEntry(DnsCache *cache, DnsCacheEntry *entry) noexcept {
+  avl_delete(&cache->tree, &entry->node);
+  list_del(&entry->use);
+  if (cache->recent == entry) cache->recent = nullptr;
+  DnsCache_FreeEntry(entry);
 }
 
 // Drops the expired addresses of `name` and returns its entry, or null when
@@ -46,6 +59,8 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
     entry = entryOf(node);
     cache->recent = entry;
   }
+  // Use is recorded only while there is a limit to enforce.
+  if (cache->maxNames != 0 && cache->use.next != &entry->use) list_move(&entry->use, &cache->use);
   const uint64_t now = cacheClock();
   for (DnsCacheAddress **link = &entry->addresses; *link != nullptr;) {
     DnsCacheAddress *a = *link;
@@ -57,9 +72,7 @@ DnsCacheEntry *DnsCache_ExpireName(DnsCache *cache, const char *name) noexcept {
     }
   }
   if (entry->addresses == nullptr) {
-    avl_delete(&cache->tree, &entry->node);
-    if (cache->recent == entry) cache->recent = nullptr;
-    DnsCache_FreeEntry(entry);
+    dropEntry(cache, entry);
     return nullptr;
   }
   return entry;
@@ -71,18 +84,48 @@ void emptyTree(DnsCache *cache) noexcept {
   DnsCacheEntry *entry;
   DnsCacheEntry *tmp;
   cache->recent = nullptr;
+  INIT_LIST_HEAD(&cache->use);
   avl_remove_all_elements(&cache->tree, entry, node, tmp) { DnsCache_FreeEntry(entry); }
 }
 
-DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+DnsCacheEntry *allocateEntry(const char *name) noexcept {
   const size_t length = strlen(name);
   auto *entry = static_cast<DnsCacheEntry *>(malloc(offsetof(DnsCacheEntry, name) + length + 1));
   if (entry == nullptr) return nullptr;
   memset(entry, 0, offsetof(DnsCacheEntry, name));
   memcpy(entry->name, name, length + 1);
   entry->node.key = entry->name;
-  avl_insert(&cache->tree, &entry->node);
+  return entry;
+}
+
+void linkEntry(DnsCache *cache, DnsCacheEntry *entry) noexcept {
+  list_add(&entry->use, &cache->use);
   cache->recent = entry;
+}
+
+DnsCacheEntry *newEntry(DnsCache *cache, const char *name) noexcept {
+  DnsCacheEntry *entry = allocateEntry(name);
+  if (entry == nullptr) return nullptr;
+  // A full cache makes room first, least recently used names first.
+  while (cache->maxNames != 0 && static_cast<uint32_t>(cache->tree.count) >= cache->maxNames &&
+         !list_empty(&cache->use)) {
+    dropEntry(cache, entryOfUse(cache->use.prev));
+  }
+  avl_insert(&cache->tree, &entry->node);
+  linkEntry(cache, entry);
+  return entry;
+}
+
+// A name the tree lacks goes in with one search (avl_insert refuses a name
+// it has); null when it was there, which then stays as it was.
+DnsCacheEntry *insertIfNew(DnsCache *cache, const char *name) noexcept {
+  DnsCacheEntry *entry = allocateEntry(name);
+  if (entry == nullptr) return nullptr;
+  if (avl_insert(&cache->tree, &entry->node) != 0) {
+    free(entry);
+    return nullptr;
+  }
+  linkEntry(cache, entry);
   return entry;
 }
 
@@ -105,6 +148,7 @@ DnsCache *createCache() noexcept {
   auto *cache = static_cast<DnsCache *>(calloc(1, sizeof(DnsCache)));
   if (cache == nullptr) return nullptr;
   avl_init(&cache->tree, avl_strcmp, false, nullptr);
+  INIT_LIST_HEAD(&cache->use);
   if (pthread_mutex_init(&cache->mutex, nullptr) != 0) {
     free(cache);
     return nullptr;
@@ -142,7 +186,14 @@ int cacheGet(DnsCache *cache, const char *name, DnsResult *result, int maxCount)
 void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address, uint32_t ttl) noexcept {
   if (cache == nullptr || name == nullptr || address == nullptr || ttl == 0) return;
   MutexLock lock(&cache->mutex);
-  DnsCacheEntry *entry = DnsCache_ExpireName(cache, name);
+  // Most puts are of a name the cache lacks, or of the one before it: the
+  // first goes in with one search, the second is found with none. Without
+  // a limit only, so that no name is made room for that was there.
+  DnsCacheEntry *entry = nullptr;
+  if (cache->maxNames == 0 && (cache->recent == nullptr || strcmp(cache->recent->name, name) != 0)) {
+    entry = insertIfNew(cache, name);
+  }
+  if (entry == nullptr) entry = DnsCache_ExpireName(cache, name);
   if (entry == nullptr) {
     entry = newEntry(cache, name);
     // Without memory for the address the new entry stays empty; the next
@@ -152,7 +203,8 @@ void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address,
   DnsCacheAddress *a = findOrAddAddress(entry, address);
   if (a == nullptr) return;
   // A repeat overwrites the expiry, which may shorten it.
-  a->expiry = cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime));
+  a->expiry =
+      cacheClock() + static_cast<uint64_t>(cacheLifetimeMs(ttl, cache->minCacheTime, cache->maxCacheTime));
 }
 
 }  // namespace rk::dns
@@ -179,6 +231,14 @@ void DnsCache_Clean(DnsCache *cache) {
 
 void DnsCache_setMinCacheTime(DnsCache *cache, uint32_t seconds) {
   if (cache != nullptr) cache->minCacheTime = seconds;
+}
+
+void DnsCache_setMaxNames(DnsCache *cache, uint32_t maxNames) {
+  if (cache != nullptr) cache->maxNames = maxNames;
+}
+
+void DnsCache_setMaxCacheTime(DnsCache *cache, uint32_t seconds) {
+  if (cache != nullptr) cache->maxCacheTime = seconds;
 }
 
 }  // extern "C"

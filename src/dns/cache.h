@@ -23,6 +23,7 @@ struct DnsCacheAddress {
 struct DnsCacheEntry {
   struct avl_node node;        // key points at name
   DnsCacheAddress *addresses;  // newest first; null when empty
+  struct list_head use;        // in DnsCache::use, most recently read or written first
   char name[];
 };
 
@@ -42,8 +43,10 @@ void cachePut(DnsCache *cache, const char *name, const DnsAddressEntry *address,
 
 // The addresses `minCacheTime` and `ttl` give, in milliseconds: the minimum
 // is added to a shorter ttl (not taken instead of it), in 32 bits, and the
-// product with 1000 wraps in 32 bits too.
-constexpr uint32_t cacheLifetimeMs(uint32_t ttl, uint32_t minCacheTime) noexcept {
+// product with 1000 wraps in 32 bits too. A cap (`maxCacheTime`, 0 for none)
+// cuts the ttl first.
+constexpr uint32_t cacheLifetimeMs(uint32_t ttl, uint32_t minCacheTime, uint32_t maxCacheTime = 0) noexcept {
+  if (maxCacheTime != 0 && ttl > maxCacheTime) ttl = maxCacheTime;
   return (minCacheTime > ttl ? ttl + minCacheTime : ttl) * 1000u;
 }
 
@@ -57,4 +60,9 @@ struct DnsCache {
   // one that has been freed. Answers come in runs for one name (A, then
   // AAAA, from each server), so this spares most of their tree searches.
   rk::dns::DnsCacheEntry *recent;
+  // Every entry, most recently read or written first: the last one goes
+  // when a new name would pass maxNames (0: no limit).
+  struct list_head use;
+  uint32_t maxNames;
+  uint32_t maxCacheTime;  // seconds; 0: no cap
 };

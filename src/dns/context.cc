@@ -16,6 +16,7 @@
 #include "dns/answer.h"
 #include "dns/cache.h"
 #include "dns/query.h"
+#include "dns/tracker.h"
 
 // Daemons read these records directly, and the socket handlers find the
 // context from the uloop_fd they are given, so the layout is interface.
@@ -64,9 +65,15 @@ int createDnsSock(int family) noexcept {
 }
 
 // The work of both socket handlers. A socket lost to end of file stays
-// registered; destroy skips it like any closed one.
+// registered; destroy skips it like any closed one. An untracked context
+// takes one datagram per read event and renews the registration; a tracked
+// one drains the socket and leaves the (level-triggered) registration be.
 void handleDnsSockEvent(AsyncDnsContext *context, struct uloop_fd *u, unsigned int events) noexcept {
-  handleClientEvent(context, u, events, checkDnsSocket);
+  if (!isTracked(extensionOf(context))) {
+    handleClientEvent(context, u, events, checkDnsSocket);
+  } else if (clientSocketReadable(u, events)) {
+    drainDnsSocket(context, u->fd);
+  }
 }
 
 void dnsSockCallback(struct uloop_fd *u, unsigned int events) {
@@ -86,6 +93,40 @@ int sendTo(int fd, struct list_head *servers, const uint8_t *packet, int32_t len
     (void)sendto(fd, packet, static_cast<size_t>(length), 0, address, addressLength);
   }
   return 0;
+}
+
+constexpr unsigned kBatchSize = 16;  // datagrams per sendmmsg
+
+void sendBatch(int fd, struct mmsghdr *messages, unsigned n) noexcept {
+  for (unsigned done = 0; done < n;) {
+    const unsigned before = done;
+    const int sent = sendmmsg(fd, messages + done, n - done, 0);
+    if (sent > 0) done += static_cast<unsigned>(sent);
+    if (done < n && (sent < 0 || static_cast<unsigned>(sent) < n - before)) ++done;  // it failed: the next
+  }
+}
+
+template <typename Server>
+void sendBatchTo(int fd, struct list_head *servers, const struct iovec *queries, int count,
+                 socklen_t addressLength) noexcept {
+  if (fd < 0) return;
+  struct mmsghdr messages[kBatchSize];
+  unsigned n = 0;
+  for (int q = 0; q < count; ++q) {
+    Server *server;
+    list_for_each_entry(server, servers, list) {
+      memset(&messages[n], 0, sizeof messages[n]);
+      messages[n].msg_hdr.msg_name = &server->addr;
+      messages[n].msg_hdr.msg_namelen = addressLength;
+      messages[n].msg_hdr.msg_iov = const_cast<struct iovec *>(&queries[q]);
+      messages[n].msg_hdr.msg_iovlen = 1;
+      if (++n == kBatchSize) {
+        sendBatch(fd, messages, n);
+        n = 0;
+      }
+    }
+  }
+  if (n != 0) sendBatch(fd, messages, n);
 }
 
 // A server on the DNS port at the address `text` gives; false when the text
@@ -149,13 +190,18 @@ void destroyContext(AsyncDnsContext *context) noexcept {
   cleanServers<DnsServer>(&context->servers);
   cleanServers<DnsServer6>(&context->servers6);
   if (context->cache != nullptr) destroyCache(context->cache);
-  free(context);
+  releaseExtension(extensionOf(context));
+  free(reinterpret_cast<ContextBox *>(context));
 }
 
 // Messages name `origin`, the exported creator.
 AsyncDnsContext *createContext(AsyncDnsCallback callback, const char *origin) noexcept {
-  auto *context = static_cast<AsyncDnsContext *>(calloc(1, sizeof(AsyncDnsContext)));
-  if (context == nullptr) return nullptr;
+  // The record lies at the start of a box that holds what a context keeps
+  // beside it (tracker.h); the record's own layout stays as published.
+  auto *box = static_cast<ContextBox *>(calloc(1, sizeof(ContextBox)));
+  if (box == nullptr) return nullptr;
+  AsyncDnsContext *context = &box->record;
+  initExtension(&box->ext);
   // The first context of a process carries the process id as its identifier,
   // the next one that plus 1; the counter steps even if the sockets then fail.
   const uint32_t sum = static_cast<uint32_t>(getpid()) + dnsIdCounter;
@@ -196,6 +242,11 @@ int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t lengt
 void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept {
   sendDnsQuery(context, query, static_cast<int32_t>(length));
   sendDnsQuery6(context, query, static_cast<int32_t>(length));
+}
+
+void sendBatchToAll(AsyncDnsContext *context, const struct iovec *queries, int count) noexcept {
+  sendBatchTo<DnsServer>(context->dnsSock.fd, &context->servers, queries, count, sizeof(struct sockaddr_in));
+  sendBatchTo<DnsServer6>(context->dns6Sock.fd, &context->servers6, queries, count, sizeof(struct sockaddr_in6));
 }
 
 }  // namespace rk::dns

@@ -9,14 +9,18 @@
 #include "dns/cache.h"
 #include "dns/codec.h"
 #include "dns/query.h"
+#include "dns/tracker.h"
 
 namespace rk::dns {
 namespace {
 
+constexpr uint16_t kAddressTypes[kQueriesPerLookup] = {kTypeA, kTypeAaaa};
+constexpr uint16_t kPointerType = kTypePtr;
+
 int lookup(AsyncDnsContext *context, const char *name) noexcept {
-  // One buffer serves first as the DnsResult of a cache hit and then, still
-  // all zero after a miss, as the query.
-  alignas(DnsResult) uint8_t buffer[kLookupBufferSize] = {};
+  // One buffer serves first as the DnsResult of a cache hit and then, after
+  // a miss (which writes nothing), as the query, zeroed as far as it goes.
+  alignas(DnsResult) uint8_t buffer[kLookupBufferSize];
 
   // Without a callback nobody could take a cached answer, so the cache is
   // not read at all.
@@ -28,9 +32,13 @@ int lookup(AsyncDnsContext *context, const char *name) noexcept {
     }
   }
 
-  // The limit is the buffer, not a DNS rule.
   const size_t length = strlen(name);
+  if (isTracked(extensionOf(context))) {
+    return startTrackedLookup(context, name, length, kAddressTypes, kQueriesPerLookup, "asyncLookup");
+  }
+  // The limit is the buffer, not a DNS rule.
   if (length + kQueryOverhead > sizeof buffer) return -1;
+  memset(buffer, 0, length + kQueryOverhead);
   const size_t size = buildQuery(buffer, context->id, name, length, kTypeA);
   sendToAll(context, buffer, size);
   setQueryType(buffer, length, kTypeAaaa);
@@ -43,6 +51,9 @@ int lookupPtr(AsyncDnsContext *context, const void *address) noexcept {
   char name[kPtrNameSize] = {};
   // A failed conversion leaves the name empty, and the empty question goes out.
   ChangeAddrToDnsName(address, name);
+  if (isTracked(extensionOf(context))) {
+    return startTrackedLookup(context, name, strlen(name), &kPointerType, 1, "asyncLookupPtr");
+  }
   const size_t size = buildQuery(query, context->id, name, strlen(name), kTypePtr);
   sendToAll(context, query, size);
   return 0;

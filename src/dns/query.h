@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/uio.h>
 
 #include "common/deps.h"
 #include <routerkit/async_dns.h>
@@ -23,5 +24,10 @@ int sendDnsQuery6(AsyncDnsContext *context, const uint8_t *packet, int32_t lengt
 
 // Sends a built query first to the IPv4 servers, then to the IPv6 ones.
 void sendToAll(AsyncDnsContext *context, const uint8_t *query, size_t length) noexcept;
+
+// Sends `count` built queries to every server of both lists, each family's
+// in as few sendmmsg calls as fit: per family, each query to every server
+// in the order of adding, then the next query. Failed sends are skipped.
+void sendBatchToAll(AsyncDnsContext *context, const struct iovec *queries, int count) noexcept;
 
 }  // namespace rk::dns

@@ -12,7 +12,7 @@ namespace {
 
 TEST(Reachd, OneRound) {
   RK_REQUIRE_NAMESPACE();
-  Dnsmasq server({"--host-record=self.test.lan,127.0.0.1"});
+  Dnsmasq server({"--host-record=self.test.lan,127.0.0.1", "--local=/test.lan/"});
   for (int i = 0; i < 50 && Start({"resolve", "self.test.lan", "--server", "127.0.0.1", "--timeout", "200"}).rc; i++)
     continue;
   mkdir("/etc/config", 0755);
@@ -60,7 +60,7 @@ end
                        "6 watching 3 targets, 2 requests each per round",
                        "6 self: self.test.lan (127.0.0.1) 2/2 replies, " + self + " ms",
                        "6 ::1: ::1 (::1) 2/2 replies, " + loop6 + " ms",
-                       "4 gone: gone.test.lan not resolved",
+                       "4 gone: gone.test.lan not resolved: NXDOMAIN",
                    }));
   unlink("/etc/config/reachd");
   r = RunProgram(REACHD, {"-1"});

@@ -32,7 +32,7 @@ TEST_F(Rkctl, UsageErrorsAndHelp) {
 
 TEST_F(Rkctl, ResolveAgainstDnsmasq) {
   Dnsmasq server({"--host-record=dual.test.lan,192.0.2.1,2001:db8::1", "--host-record=v4.test.lan,192.0.2.4",
-                  "--ptr-record=4.2.0.192.in-addr.arpa,v4.test.lan"});
+                  "--ptr-record=4.2.0.192.in-addr.arpa,v4.test.lan", "--local=/test.lan/", "--local=/example/"});
   ASSERT_TRUE(WriteFile("/etc/resolv.conf", "# test\nnameserver 127.0.0.1\n"));
   int rc = 1;
   for (int i = 0; i < 50 && rc != 0; i++) rc = Start({"resolve", "v4.test.lan", "--timeout", "200"}).rc;
@@ -42,11 +42,13 @@ TEST_F(Rkctl, ResolveAgainstDnsmasq) {
        "dual.test.lan 192.0.2.1\ndual.test.lan 2001:db8::1\nv4.test.lan 192.0.2.4\n", ""},
       {{"resolve", "--json", "dual.test.lan", "none.test.lan", "--server", "::1", "--timeout", "500"}, 1,
        R"([{"name": "dual.test.lan", "addresses": ["192.0.2.1", "2001:db8::1"]},
-           {"name": "none.test.lan", "addresses": []}])",
-       "none.test.lan: no address within 500 ms"},
+           {"name": "none.test.lan", "addresses": [], "error": "NXDOMAIN"}])",
+       "none.test.lan: NXDOMAIN"},
+      {{"resolve", "nosuch.example"}, 1, "", "rkctl resolve: nosuch.example: NXDOMAIN (no such name)\n"},
       {{"resolve", "--json", "--ptr", "192.0.2.4"}, 0, R"({"address": "192.0.2.4", "name": "v4.test.lan"})", ""},
-      {{"resolve", "--ptr", "192.0.2.9", "--timeout", "300"}, 1, "", "192.0.2.9: no answer within 300 ms"},
-      {{"resolve", "v4.test.lan", "--server", "127.0.0.9", "--timeout", "200"}, 1, "", "no address within 200 ms"},
+      {{"resolve", "--ptr", "192.0.2.9", "--timeout", "300"}, 1, "", "192.0.2.9: REFUSED"},
+      {{"resolve", "v4.test.lan", "--server", "127.0.0.9", "--timeout", "200"}, 1, "",
+       "v4.test.lan: timeout (no answer within 200 ms)"},
   });
   ASSERT_TRUE(WriteFile("/etc/resolv.conf", "search lan\n"));
   Check({{{"resolve", "v4.test.lan"}, 1, "", "no DNS server: none given with --server and none in /etc/resolv.conf"}});

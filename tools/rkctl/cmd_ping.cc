@@ -79,7 +79,7 @@ int run(Invocation &inv) {
   for (const std::string &h : inv.positional)
     if (!addressFamily(h) && std::find(names.begin(), names.end(), h) == names.end()) names.push_back(h);
   Resolver resolver;
-  if (!names.empty() && resolver.open(resolvConfServers(), nullptr)) {
+  if (!names.empty() && resolver.open(resolvConfServers(), nullptr, kResolveTimeoutMs)) {
     Progress progress;
     resolveAll(loop, resolver, names, kResolveTimeoutMs, &progress);
   }

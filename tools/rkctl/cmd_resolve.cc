@@ -17,10 +17,28 @@ namespace rkctl {
 namespace {
 
 constexpr int kDefaultTimeoutMs = 2000;
+// The loop's own deadline lies this far behind the client's, which reports
+// a timeout by itself.
+constexpr int kBackstopMs = 200;
+
+const char *reasonName(int reason) {
+  switch (reason) {
+    case ASYNC_DNS_NXDOMAIN:
+      return "NXDOMAIN";
+    case ASYNC_DNS_NODATA:
+      return "NODATA";
+    case ASYNC_DNS_SERVFAIL:
+      return "SERVFAIL";
+    case ASYNC_DNS_REFUSED:
+      return "REFUSED";
+    default:
+      return "timeout";
+  }
+}
 
 // The servers to ask: --server, else /etc/resolv.conf. Reports what the
 // library refused; false (after the message) when none is left.
-bool openResolver(Invocation &inv, Resolver *resolver) {
+bool openResolver(Invocation &inv, Resolver *resolver, int timeoutMs) {
   std::vector<std::string> servers = inv.all("server");
   if (servers.empty()) servers = resolvConfServers();
   if (servers.empty()) {
@@ -28,7 +46,7 @@ bool openResolver(Invocation &inv, Resolver *resolver) {
     return false;
   }
   std::vector<std::string> refused;
-  if (!resolver->open(servers, &refused)) {
+  if (!resolver->open(servers, &refused, timeoutMs)) {
     fail(inv, "cannot create the DNS client (no UDP sockets?)");
     return false;
   }
@@ -42,11 +60,12 @@ bool openResolver(Invocation &inv, Resolver *resolver) {
 
 int resolvePtr(Invocation &inv, Loop &loop, Resolver &resolver, const std::string &address, int timeoutMs) {
   if (!resolver.lookupPtr(address)) return fail(inv, "cannot send the query for %s", address.c_str());
-  resolver.onAnswer = [&] { loop.stop(); };  // the first answer is the answer
-  loop.runFor(timeoutMs);
+  resolver.onAnswer = [&] { loop.stop(); };  // the first answer (or failure) is the answer
+  // The client's own deadline comes first; this one is only a backstop.
+  loop.runFor(timeoutMs + kBackstopMs);
   auto it = resolver.ptrNames().find(address);
   if (it == resolver.ptrNames().end())
-    return fail(inv, "%s: no answer within %d ms", address.c_str(), timeoutMs);
+    return fail(inv, "%s: %s", address.c_str(), failureText(resolver.failure(address), timeoutMs).c_str());
   if (inv.json) {
     JsonPtr out(json_object_new_object());
     json_object_object_add(out.get(), "address", jsonString(address));
@@ -81,14 +100,14 @@ int run(Invocation &inv) {
   Loop loop;
   if (!loop.ok()) return fail(inv, "cannot set up the event loop");
   Resolver resolver;
-  if (!openResolver(inv, &resolver)) return kFailed;
+  if (!openResolver(inv, &resolver, timeoutMs)) return kFailed;
   if (!ptr.empty()) return resolvePtr(inv, loop, resolver, ptr, timeoutMs);
 
   std::vector<std::string> names;
   for (const std::string &n : inv.positional)
     if (std::find(names.begin(), names.end(), n) == names.end()) names.push_back(n);
   Progress progress;
-  resolveAll(loop, resolver, names, timeoutMs, &progress);
+  resolveAll(loop, resolver, names, timeoutMs + kBackstopMs, &progress);
   progress.clear();
 
   int rc = kOk;
@@ -103,11 +122,12 @@ int run(Invocation &inv) {
           json_object_array_add(addresses.get(), jsonString(addr));
         }
     } else {
-      rc = fail(inv, "%s: no address within %d ms", n.c_str(), timeoutMs);
+      rc = fail(inv, "%s: %s", n.c_str(), failureText(resolver.failure(n), timeoutMs).c_str());
     }
     json_object *entry = json_object_new_object();
     json_object_object_add(entry, "name", jsonString(n));
     json_object_object_add(entry, "addresses", addresses.release());
+    if (!a) json_object_object_add(entry, "error", jsonString(reasonName(resolver.failure(n))));
     json_object_array_add(list.get(), entry);
   }
   if (inv.json) printJson(list.get());
@@ -124,16 +144,22 @@ const Command kResolveCommand = {
     "\n"
     "  --server ADDR   a server to ask (IPv4 or IPv6, repeatable); default: the\n"
     "                  nameserver lines of /etc/resolv.conf\n"
-    "  --timeout MS    the deadline, default 2000. The library itself has no\n"
-    "                  timeout and no retry: rkctl stops when each name has\n"
-    "                  addresses of both families, or has some and nothing new\n"
-    "                  came for 300 ms, or at the deadline\n"
+    "  --timeout MS    the deadline, default 2000: a query unanswered after half\n"
+    "                  of it is sent again, and a name with no answer at the\n"
+    "                  deadline fails as a timeout. rkctl stops when each name\n"
+    "                  has addresses of both families or has failed, or has\n"
+    "                  some and nothing new came for 300 ms\n"
     "  --ptr ADDR      ask for the host name of an IPv4 address; prints ADDR NAME\n"
     "\n"
-    "Exit 1 when a name got no address before the deadline (the others are still\n"
-    "printed) or when there is no usable server.\n"
-    "JSON: [{\"name\": NAME, \"addresses\": [ADDR...]}...], or with --ptr\n"
-    "{\"address\": ADDR, \"name\": NAME}.\n",
+    "Only answers from the servers to the questions asked, with the random\n"
+    "identifier of their query, are taken. A name without an address is reported\n"
+    "with the reason: NXDOMAIN (no such name), NODATA (no address), SERVFAIL,\n"
+    "REFUSED (the server's answer) or timeout.\n"
+    "\n"
+    "Exit 1 when a name got no address (the others are still printed) or when\n"
+    "there is no usable server.\n"
+    "JSON: [{\"name\": NAME, \"addresses\": [ADDR...]}...], with \"error\": REASON\n"
+    "for a name without addresses; with --ptr {\"address\": ADDR, \"name\": NAME}.\n",
     run};
 
 }  // namespace rkctl

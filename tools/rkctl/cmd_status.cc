@@ -50,14 +50,15 @@ std::vector<Check> reachability(const std::string &name, int timeoutMs) {
   Pinger pinger;
   Resolver resolver;
   bool canPing = loop.ok() && pinger.open();
-  bool canResolve = loop.ok() && !servers.empty() && resolver.open(servers, nullptr) && resolver.serverCount() > 0;
+  bool canResolve =
+      loop.ok() && !servers.empty() && resolver.open(servers, nullptr, timeoutMs) && resolver.serverCount() > 0;
   std::vector<std::string> targets = {"127.0.0.1", "::1"};
   for (const std::string &s : servers)
     if (addressFamily(s) && std::find(targets.begin(), targets.end(), s) == targets.end()) targets.push_back(s);
   if (canPing)
     for (const std::string &t : targets) pinger.send(pinger.add(t, t, addressFamily(t)));
   auto done = [&] {
-    return (!canPing || pinger.allAnswered()) && (!canResolve || resolver.find(name));
+    return (!canPing || pinger.allAnswered()) && (!canResolve || resolver.find(name) || resolver.failure(name));
   };
   pinger.onReply = [&](const Pinger::Host &, unsigned, uint32_t, bool) {
     if (done()) loop.stop();
@@ -95,7 +96,7 @@ std::vector<Check> reachability(const std::string &name, int timeoutMs) {
   } else if (!canResolve) {
     r.detail = "cannot use the DNS servers of /etc/resolv.conf";
   } else if (!a) {
-    r.detail = "no answer within " + std::to_string(timeoutMs) + " ms";
+    r.detail = failureText(resolver.failure(name), timeoutMs);
   } else {
     r.ok = true;
     r.detail = !a->v4.empty() ? a->v4[0] : a->v6[0];

@@ -19,12 +19,9 @@ constexpr size_t kLineSize = 512;
 constexpr size_t kKeySize = 32;
 constexpr size_t kValueSize = 256;
 
-// Every Resolver on the loop, found again from the context the library
-// hands to the callback (the callback has no argument of the caller's).
-std::map<AsyncDnsContext *, Resolver *> &resolvers() {
-  static std::map<AsyncDnsContext *, Resolver *> all;
-  return all;
-}
+constexpr uint32_t kSendings = 2;
+constexpr unsigned kChecks = ASYNC_DNS_CHECK_SENDER | ASYNC_DNS_CHECK_QUESTION | ASYNC_DNS_RANDOM_ID;
+constexpr char kReverseSuffix[] = ".in-addr.arpa";
 
 void addUnique(std::vector<std::string> *list, const std::string &value) {
   if (std::find(list->begin(), list->end(), value) == list->end()) list->push_back(value);
@@ -54,15 +51,18 @@ std::vector<std::string> resolvConfServers(const char *path) {
 Resolver::Resolver() = default;
 
 Resolver::~Resolver() {
-  if (!ctx_) return;
-  resolvers().erase(ctx_);
-  asyncDns_destroy(ctx_);
+  if (ctx_) asyncDns_destroy(ctx_);
 }
 
-bool Resolver::open(const std::vector<std::string> &servers, std::vector<std::string> *refused) {
+bool Resolver::open(const std::vector<std::string> &servers, std::vector<std::string> *refused, int deadlineMs) {
   ctx_ = asyncDns_create(handleResult);
   if (!ctx_) return false;
-  resolvers()[ctx_] = this;
+  asyncDns_setUserData(ctx_, this);
+  const uint32_t perSending = static_cast<uint32_t>(deadlineMs) / kSendings;
+  if (asyncDns_setChecks(ctx_, kChecks) != 0 || asyncDns_setFailureCallback(ctx_, handleFailure) != 0 ||
+      asyncDns_setRetry(ctx_, perSending > 0 ? perSending : 1, kSendings) != 0) {
+    return false;
+  }
   for (const std::string &s : servers) {
     int family = addressFamily(s);
     int ret = family == AF_INET6 ? asyncDns_AddServer6(ctx_, s.c_str()) : asyncDns_AddServer(ctx_, s.c_str());
@@ -89,10 +89,47 @@ const Resolver::Answer *Resolver::find(const std::string &name) const {
   return it == answers_.end() ? nullptr : &it->second;
 }
 
+int Resolver::failure(const std::string &nameOrAddress) const {
+  auto it = failed_.find(lower(nameOrAddress));
+  return it == failed_.end() ? 0 : it->second;
+}
+
+void Resolver::handleFailure(AsyncDnsContext *ctx, const char *name, int reason) {
+  Resolver &self = *static_cast<Resolver *>(asyncDns_getUserData(ctx));
+  std::string key = lower(name);
+  // A PTR lookup is reported by its question, "d.c.b.a.in-addr.arpa".
+  const size_t suffix = sizeof kReverseSuffix - 1;
+  if (key.size() > suffix && key.compare(key.size() - suffix, suffix, kReverseSuffix) == 0) {
+    std::string reversed, label;
+    for (size_t end = key.size() - suffix; end > 0;) {
+      const size_t dot = key.rfind('.', end - 1);
+      const size_t start = dot == std::string::npos ? 0 : dot + 1;
+      reversed += (reversed.empty() ? "" : ".") + key.substr(start, end - start);
+      end = dot == std::string::npos ? 0 : dot;
+    }
+    key = reversed;
+  }
+  self.failed_.emplace(key, reason);
+  if (self.onAnswer) self.onAnswer();
+}
+
+std::string failureText(int reason, int timeoutMs) {
+  switch (reason) {
+    case ASYNC_DNS_NXDOMAIN:
+      return "NXDOMAIN (no such name)";
+    case ASYNC_DNS_NODATA:
+      return "NODATA (the name has no address)";
+    case ASYNC_DNS_SERVFAIL:
+      return "SERVFAIL (the server failed)";
+    case ASYNC_DNS_REFUSED:
+      return "REFUSED (the server refused)";
+    default:
+      return "timeout (no answer within " + std::to_string(timeoutMs) + " ms)";
+  }
+}
+
 int Resolver::handleResult(AsyncDnsContext *ctx, const char *name, DnsResult *result) {
-  auto it = resolvers().find(ctx);
-  if (it == resolvers().end()) return 0;
-  Resolver &self = *it->second;
+  Resolver &self = *static_cast<Resolver *>(asyncDns_getUserData(ctx));
   for (int i = 0; i < result->count; i++) {
     const DnsAddressEntry &e = result->slots[i];
     char text[INET6_ADDRSTRLEN] = "";
@@ -126,8 +163,9 @@ void resolveAll(Loop &loop, Resolver &resolver, const std::vector<std::string> &
     bool allSome = true, allBoth = true;
     for (const std::string &n : names) {
       const Resolver::Answer *a = resolver.find(n);
-      allSome = allSome && a;
-      allBoth = allBoth && a && !a->v4.empty() && !a->v6.empty();
+      const bool failed = resolver.failure(n) != 0;
+      allSome = allSome && (a || failed);
+      allBoth = allBoth && ((a && !a->v4.empty() && !a->v6.empty()) || failed);
     }
     if (allBoth)
       loop.stop();
@@ -140,7 +178,7 @@ void resolveAll(Loop &loop, Resolver &resolver, const std::vector<std::string> &
   loop.runFor(timeoutMs, [&] {
     if (!progress) return;
     size_t done = 0;
-    for (const std::string &n : names) done += resolver.find(n) != nullptr;
+    for (const std::string &n : names) done += resolver.find(n) != nullptr || resolver.failure(n) != 0;
     progress->update("resolving: " + std::to_string(done) + " of " + std::to_string(names.size()) +
                      " names answered");
   });

@@ -383,16 +383,21 @@ int do_set(uci_context *ctx, uci_ptr *ptr) {
     ptr->last = &s->e;
     return UCI_OK;
   }
+  // Each change is recorded before it is made: one that cannot be recorded
+  // is not made, and one that cannot be made (or makes no change) takes its
+  // record back.
   if (has_opt) {
+    if (!record_delta(p, kDeltaChange, ptr->s->e.name, ptr->option, ptr->value)) return UCI_ERR_MEM;
     uci_option *o = nullptr;
     switch (set_option(ptr->s, ptr->option, ptr->value, &o)) {
       case kNoMemory:
+        drop_last_delta(p);
         return UCI_ERR_MEM;
       case kUnchanged:
+        drop_last_delta(p);
         break;
       default:
-        if (!record_delta(p, kDeltaChange, ptr->s->e.name, o->e.name, ptr->value))
-          return UCI_ERR_MEM;
+        break;
     }
     ptr->o = o;
     ptr->last = &o->e;
@@ -401,15 +406,17 @@ int do_set(uci_context *ctx, uci_ptr *ptr) {
   if (!valid_type(ptr->value)) return UCI_ERR_INVAL;
   const char *old_name = ptr->s->e.name;
   uci_section *s = ptr->s;
+  if (!record_delta(p, kDeltaChange, s->e.name, nullptr, ptr->value)) return UCI_ERR_MEM;
   switch (set_section_type(&s, ptr->value)) {
     case kNoMemory:
+      drop_last_delta(p);
       return UCI_ERR_MEM;
     case kUnchanged:
+      drop_last_delta(p);
       break;
     default:
       if (ptr->section == old_name) ptr->section = s->e.name;
       ptr->s = s;
-      if (!record_delta(p, kDeltaChange, s->e.name, nullptr, ptr->value)) return UCI_ERR_MEM;
   }
   ptr->last = &s->e;
   return UCI_OK;
@@ -419,12 +426,14 @@ int do_add_list(uci_context *ctx, uci_ptr *ptr) {
   int err = ensure_resolved(ctx, ptr);
   if (err) return err;
   if (!ptr->s || !ptr->value || empty(ptr->option)) return UCI_ERR_INVAL;
+  if (!record_delta(ptr->p, kDeltaListAdd, ptr->s->e.name, ptr->option, ptr->value)) return UCI_ERR_MEM;
   uci_option *o = nullptr;
-  if (add_list_item(ptr->s, ptr->option, ptr->value, &o) == kNoMemory) return UCI_ERR_MEM;
+  if (add_list_item(ptr->s, ptr->option, ptr->value, &o) == kNoMemory) {
+    drop_last_delta(ptr->p);
+    return UCI_ERR_MEM;
+  }
   ptr->o = o;
   ptr->last = &o->e;
-  if (!record_delta(ptr->p, kDeltaListAdd, ptr->s->e.name, o->e.name, ptr->value))
-    return UCI_ERR_MEM;
   return UCI_OK;
 }
 
@@ -433,9 +442,9 @@ int do_del_list(uci_context *ctx, uci_ptr *ptr) {
   if (err) return err;
   if (!ptr->s || !ptr->value || empty(ptr->option)) return UCI_ERR_INVAL;
   if (!ptr->o || ptr->o->type != UCI_TYPE_LIST) return UCI_OK;
-  del_list_item(ptr->o, ptr->value);
   if (!record_delta(ptr->p, kDeltaListDel, ptr->s->e.name, ptr->o->e.name, ptr->value))
     return UCI_ERR_MEM;
+  del_list_item(ptr->o, ptr->value);
   return UCI_OK;
 }
 
@@ -449,17 +458,18 @@ int do_delete(uci_context *ctx, uci_ptr *ptr) {
     if (!o) return UCI_ERR_NOTFOUND;
     if (o->type == UCI_TYPE_LIST && !empty(ptr->value)) {
       // On a list, a value is the index of the one item to remove.
-      switch (del_list_index(o, ptr->value)) {
-        case kBadIndex:
-          return UCI_ERR_MEM;
-        case kUnchanged:
-          return UCI_ERR_NOTFOUND;
-        default:
-          break;
-      }
       if (!record_delta(ptr->p, kDeltaRemove, ptr->s->e.name, o->e.name, ptr->value))
         return UCI_ERR_MEM;
-      return UCI_OK;
+      switch (del_list_index(o, ptr->value)) {
+        case kBadIndex:
+          drop_last_delta(ptr->p);
+          return UCI_ERR_MEM;
+        case kUnchanged:
+          drop_last_delta(ptr->p);
+          return UCI_ERR_NOTFOUND;
+        default:
+          return UCI_OK;
+      }
     }
   }
   return remove_named(ptr);
@@ -474,9 +484,12 @@ int do_rename(uci_context *ctx, uci_ptr *ptr) {
   uci_element *e = ptr->o ? &ptr->o->e : &ptr->s->e;
   const char *old = e->name;
   if (!record_delta(ptr->p, kDeltaRename, ptr->s->e.name, ptr->o ? ptr->o->e.name : nullptr,
-                    ptr->value) ||
-      !rename_element(e, ptr->value))
+                    ptr->value))
     return UCI_ERR_MEM;
+  if (!rename_element(e, ptr->value)) {
+    drop_last_delta(ptr->p);
+    return UCI_ERR_MEM;
+  }
   if (ptr->section == old) ptr->section = e->name;
   if (ptr->option == old) ptr->option = e->name;
   ptr->last = e;

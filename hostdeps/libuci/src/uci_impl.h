@@ -107,6 +107,8 @@ struct DeltaRec {
 // Appends a change to `p`'s pending list when the package tracks changes.
 bool record_delta(uci_package *p, DeltaCmd cmd, const char *section, const char *option,
                   const char *value);
+// Takes back the change recorded last, when the package tracks changes.
+void drop_last_delta(uci_package *p);
 void free_deltas(uci_list *head);
 // The change-file line for one change, newline included.
 std::string delta_line(const char *package, const DeltaRec &d);
@@ -114,7 +116,8 @@ std::string pending_lines(const uci_package *p);
 // Reads the statements of a change file; entries for other packages and
 // malformed ones are skipped.
 std::vector<DeltaRec> parse_deltas(const std::string &text, const char *package);
-// Applies one change to the tree; false when it does not fit.
+// Applies one change to the tree; false when it does not fit, std::bad_alloc
+// when memory runs out.
 bool apply_delta(uci_package *p, const DeltaRec &d);
 
 // ---- configuration text ------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 
 #include "uci_impl.h"
@@ -384,6 +385,16 @@ bool record_delta(uci_package *p, DeltaCmd cmd, const char *section, const char 
   return true;
 }
 
+void drop_last_delta(uci_package *p) {
+  if (!p->has_delta || uci_list_empty(&p->delta)) return;
+  uci_element *last = list_to_element(p->delta.prev);
+  uci_list one;
+  list_init(&one);
+  list_unlink(&last->list);
+  list_insert_before(&last->list, &one);
+  free_deltas(&one);
+}
+
 void free_deltas(uci_list *head) {
   uci_element *e, *tmp;
   uci_foreach_element_safe(head, tmp, e) {
@@ -412,6 +423,14 @@ std::string pending_lines(const uci_package *p) {
   return out;
 }
 
+// A change that no memory is left for is not one that no longer fits: it
+// fails the load (or commit) as a whole instead of being dropped.
+template <typename T>
+bool made(T result) {
+  if (!result) throw std::bad_alloc();
+  return true;
+}
+
 bool apply_delta(uci_package *p, const DeltaRec &d) {
   const char *sec = d.section.c_str();
   const char *opt = d.option.empty() ? nullptr : d.option.c_str();
@@ -421,13 +440,13 @@ bool apply_delta(uci_package *p, const DeltaRec &d) {
   switch (d.cmd) {
     case kDeltaAdd:
       if (s || !d.has_value || !valid_type(val)) return false;
-      return section_add(p, val, sec, true) != nullptr;
+      return made(section_add(p, val, sec, true));
     case kDeltaChange:
       if (!d.has_value) return false;
       if (!opt) {
         if (!valid_type(val)) return false;
-        if (!s) return section_add(p, val, sec, false) != nullptr;
-        return set_section_type(&s, val) != kNoMemory;
+        if (!s) return made(section_add(p, val, sec, false));
+        return made(set_section_type(&s, val) != kNoMemory);
       }
       if (!s) return false;
       if (*val == '\0') {
@@ -435,7 +454,7 @@ bool apply_delta(uci_package *p, const DeltaRec &d) {
         option_free(o);
         return true;
       }
-      return set_option(s, opt, val, &o) != kNoMemory;
+      return made(set_option(s, opt, val, &o) != kNoMemory);
     case kDeltaRemove:
       if (!s) return false;
       if (!opt) {
@@ -449,14 +468,14 @@ bool apply_delta(uci_package *p, const DeltaRec &d) {
       return true;
     case kDeltaListAdd:
       if (!s || !opt || !d.has_value) return false;
-      return add_list_item(s, opt, val, &o) != kNoMemory;
+      return made(add_list_item(s, opt, val, &o) != kNoMemory);
     case kDeltaListDel:
       if (!o || !d.has_value) return false;
       return del_list_item(o, val) == kChanged;
     case kDeltaRename:
       if (!s || !d.has_value || !valid_name(val)) return false;
-      if (opt) return o && rename_element(&o->e, val);
-      return rename_element(&s->e, val);
+      if (opt) return o && made(rename_element(&o->e, val));
+      return made(rename_element(&s->e, val));
     case kDeltaReorder: {
       if (!s || opt || !d.has_value) return false;
       char *end = nullptr;

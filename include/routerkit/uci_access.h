@@ -90,7 +90,8 @@ RK_API int uciSetID(struct uci_context *ctx, struct uci_package *package,
  * uci_revert of `section` in *packageRef. libuci replaces the package while
  * reverting: on success the new pointer is written to *packageRef and every
  * section/option pointer into the old one is dangling. On failure
- * *packageRef stays as it was.
+ * *packageRef stays as it was, unless libuci had freed the package already
+ * and could not load it again (out of memory): it is NULL then.
  */
 RK_API int uciRollback(struct uci_context *ctx, struct uci_package **packageRef,
                        struct uci_section *section);

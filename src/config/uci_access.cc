@@ -109,11 +109,11 @@ int rollback(uci_context *ctx, uci_package **packageRef, uci_section *section) n
   uci_ptr ptr = zeroedPtr();
   ptr.p = *packageRef;
   ptr.s = section;
-  if (uci_revert(ctx, &ptr) != 0) return -1;
   // uci_revert frees the package and loads it again; only the record knows
-  // the new one.
+  // the new one, or that there is none when loading it again failed.
+  const int rc = uci_revert(ctx, &ptr) == 0 ? 0 : -1;
   *packageRef = ptr.p;
-  return 0;
+  return rc;
 }
 
 // uci_add_list and uci_del_list take everything by name: with `p` unset

@@ -110,10 +110,13 @@ int getText(const char *config, const char *sectionType, const char *sectionName
 // Commits the package after a set in the section at `index`. On failure the
 // section's change is reverted. A commit can fail after libuci has already
 // freed the package and loaded it again, leaving the section we set dangling,
-// so the section handed to the revert is looked up again by its position.
-int commitOrRevert(OneShotPackage &uci, size_t index) noexcept {
+// so the section handed to the revert is looked up again by its position;
+// one that fails before the package is loaded again (out of memory) leaves
+// none, with the change saved: the package is loaded again to revert it.
+int commitOrRevert(OneShotPackage &uci, const char *config, size_t index) noexcept {
   uci_package *&package = uci.package();
   if (uci_commit(uci.ctx(), &package, false) == 0) return 0;
+  if (package == nullptr && uci_load(uci.ctx(), config, &package) != 0) return -1;
   uci_section *section = sectionAt(package, index);
   if (section != nullptr) (void)uciRollback(uci.ctx(), &package, section);
   return -1;
@@ -135,7 +138,7 @@ int setText(const char *config, const char *sectionType, const char *sectionName
     // replaces the package under the loop.
     if (matches(s, sectionType, sectionName) &&
         uciSetString(uci.ctx(), package, s, option, value) == 0)
-      return commitOrRevert(uci, index);
+      return commitOrRevert(uci, config, index);
     ++index;
   }
   return -1;

@@ -30,8 +30,9 @@
  * before a conversion starts can raise, as any Lua API call can.
  *
  * The C stack a conversion needs does not grow with the nesting: the levels
- * open are kept on the heap. Running out of memory for them ends the
- * conversion as a Lua error does.
+ * open are kept on the heap. Running out of memory for them, for json-c's
+ * objects or for a growing blob buffer ends the conversion as a Lua error
+ * does.
  *
  * The blob readers accept untrusted attributes within these bounds: a
  * child is read only when it lies inside its parent, a scalar only when its

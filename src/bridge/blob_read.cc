@@ -95,40 +95,45 @@ bool isContainer(uint32_t type) noexcept {
   return type == BLOBMSG_TYPE_ARRAY || type == BLOBMSG_TYPE_TABLE;
 }
 
-// A payload of `type`, no container, as json-c, or NULL.
-json_object *scalarOf(uint32_t type, const uint8_t *data, size_t size) noexcept {
+// A payload of `type`, no container, as json-c, or NULL; *noMemory set
+// when json-c could not make the value it had the bytes for.
+json_object *scalarOf(uint32_t type, const uint8_t *data, size_t size, bool *noMemory) noexcept {
+  const auto made = [noMemory](json_object *value) noexcept {
+    if (!value) *noMemory = true;
+    return value;
+  };
   switch (type) {
     case BLOBMSG_TYPE_STRING:
-      return json_object_new_string_len(reinterpret_cast<const char *>(data),
-                                        static_cast<int>(strnlen(reinterpret_cast<const char *>(data), size)));
+      return made(json_object_new_string_len(
+          reinterpret_cast<const char *>(data), static_cast<int>(strnlen(reinterpret_cast<const char *>(data), size))));
     case BLOBMSG_TYPE_INT64:
-      return size >= sizeof(uint64_t) ? json_object_new_int64(static_cast<int64_t>(loadBe64(data)))
+      return size >= sizeof(uint64_t) ? made(json_object_new_int64(static_cast<int64_t>(loadBe64(data))))
                                       : nullptr;
     case BLOBMSG_TYPE_INT32:
-      return size >= sizeof(uint32_t) ? json_object_new_int(static_cast<int32_t>(loadBe32(data)))
+      return size >= sizeof(uint32_t) ? made(json_object_new_int(static_cast<int32_t>(loadBe32(data))))
                                       : nullptr;
     case BLOBMSG_TYPE_INT16:
-      return size >= sizeof(uint16_t) ? json_object_new_int(data[0] << 8 | data[1]) : nullptr;
+      return size >= sizeof(uint16_t) ? made(json_object_new_int(data[0] << 8 | data[1])) : nullptr;
     case BLOBMSG_TYPE_BOOL:
-      return size >= sizeof(uint8_t) ? json_object_new_boolean(data[0] != 0) : nullptr;
+      return size >= sizeof(uint8_t) ? made(json_object_new_boolean(data[0] != 0)) : nullptr;
     case BLOBMSG_TYPE_DOUBLE: {
       if (size < sizeof(double)) return nullptr;
       uint64_t bits = loadBe64(data);
       double d;
       memcpy(&d, &bits, sizeof d);
-      return json_object_new_double(d);
+      return made(json_object_new_double(d));
     }
     default:
       return nullptr;
   }
 }
 
-// Opens a new container for the payload `a` on the stack: false when the
-// stack could not grow, *container NULL when json-c could not make one.
+// Opens a new container for the payload `a` on the stack: false, with
+// *container NULL, when memory ran out (for the stack or json-c).
 bool openContainer(ReadStack &stack, const Payload &a, json_object **container) noexcept {
   const bool table = a.type == BLOBMSG_TYPE_TABLE;
   *container = table ? json_object_new_object() : json_object_new_array();
-  if (!*container) return true;
+  if (!*container) return false;
   ReadFrame *frame = stack.push();
   if (!frame) {
     json_object_put(*container);
@@ -154,17 +159,19 @@ void releaseAt(ReadStack &stack, uint32_t level, json_object *tree, uint32_t hei
 // Adds `value`, `height` levels tall, to `table` under `key`. A later child
 // of the same name replaces a member, which json-c releases by its own
 // recursion unless taken out first: the members are at most `tallest`
-// levels tall. The stack's top is the table's level.
-void addMember(ReadStack &stack, json_object *table, const char *key, json_object *value,
+// levels tall. The stack's top is the table's level. False when json-c had
+// no memory for it; `value` is released then.
+bool addMember(ReadStack &stack, json_object *table, const char *key, json_object *value,
                uint32_t height, uint32_t tallest) noexcept {
   json_object *replaced = nullptr;
   if (tallest > kPutLevels && json_object_object_get_ex(table, key, &replaced)) json_object_get(replaced);
   if (json_object_object_add(table, key, value) != 0) {
     json_object_put(replaced);
     releaseAt(stack, stack.depth(), value, height);
-  } else if (replaced) {
-    releaseAt(stack, stack.depth(), replaced, tallest);
+    return false;
   }
+  if (replaced) releaseAt(stack, stack.depth(), replaced, tallest);
+  return true;
 }
 
 // Releases the containers open on the stack, each with the frames from its
@@ -180,7 +187,7 @@ json_object *releaseOpen(ReadStack &stack) noexcept {
 
 // Fills the container opened on the empty stack, whose children lie
 // `depth` + 1 levels down, and returns it with its height; NULL, with
-// everything released, when the stack could not grow. Children are read in
+// everything released, when memory ran out. Children are read in
 // the order of the recursion this replaces, those of one container in a
 // loop of their own until one is a container.
 json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
@@ -204,29 +211,27 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
       if (table && !(key = memberName(child))) continue;
       Payload a;
       json_object *value = nullptr;
+      bool noMemory = false;
       if (payloadOf(child, &a)) {
         if (!isContainer(a.type)) {
-          value = scalarOf(a.type, a.data, a.size);
+          value = scalarOf(a.type, a.data, a.size, &noMemory);
+          if (noMemory) return releaseOpen(stack);
         } else if (childDepth <= RK_BLOB_MAX_DEPTH) {
           f.p = p;
           f.rem = rem;
           f.key = key;
           if (!openContainer(stack, a, &value)) return releaseOpen(stack);
-          if (value) {
-            opened = value;
-            break;
-          }
+          opened = value;
+          break;
         }
       }
       // A scalar, or NULL: json-c releases it alone, if need be.
-      bool kept = true;
-      if (!table)
-        kept = json_object_array_add(node, value) == 0;
-      else if (tallest <= kPutLevels)
-        kept = json_object_object_add(node, key, value) == 0;
-      else
-        addMember(stack, node, key, value, 0, tallest);
-      if (!kept) json_object_put(value);
+      if (table && tallest > kPutLevels) {
+        if (!addMember(stack, node, key, value, 0, tallest)) return releaseOpen(stack);
+      } else if ((table ? json_object_object_add(node, key, value) : json_object_array_add(node, value)) != 0) {
+        json_object_put(value);
+        return releaseOpen(stack);
+      }
     }
     if (opened) continue;
     *height = tallest + 1;
@@ -234,9 +239,12 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
     if (stack.empty()) return node;
     ReadFrame &parent = stack.top();
     if (!parent.table) {
-      if (json_object_array_add(parent.node, node) != 0) releaseAt(stack, stack.depth(), node, *height);
-    } else {
-      addMember(stack, parent.node, parent.key, node, *height, parent.height);
+      if (json_object_array_add(parent.node, node) != 0) {
+        releaseAt(stack, stack.depth(), node, *height);
+        return releaseOpen(stack);
+      }
+    } else if (!addMember(stack, parent.node, parent.key, node, *height, parent.height)) {
+      return releaseOpen(stack);
     }
     if (*height > parent.height) parent.height = *height;
   }
@@ -247,11 +255,12 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
 json_object *blobToJson(const blob_attr *attr) noexcept {
   Payload a;
   if (!payloadOf(reinterpret_cast<const uint8_t *>(attr), &a)) return nullptr;
-  if (!isContainer(a.type)) return scalarOf(a.type, a.data, a.size);
+  bool noMemory = false;
+  if (!isContainer(a.type)) return scalarOf(a.type, a.data, a.size, &noMemory);
   ReadStack stack;
   json_object *value = nullptr;
   uint32_t height;
-  if (openContainer(stack, a, &value) && value) value = readTree(stack, kOuterLevel, &height);
+  if (openContainer(stack, a, &value)) value = readTree(stack, kOuterLevel, &height);
   stack.release();
   return value;
 }
@@ -262,7 +271,7 @@ void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
   uint32_t height = 0;
   // The run is read as the children of a table above the outer level.
   const Payload run{BLOBMSG_TYPE_TABLE, reinterpret_cast<const uint8_t *>(attr), len};
-  if (attr && len && openContainer(stack, run, &object) && object)
+  if (attr && len && openContainer(stack, run, &object))
     object = readTree(stack, kOuterLevel - 1, &height);
   jsonToLua(L, object);
   releaseAt(stack, 0, object, height);

@@ -20,31 +20,32 @@
 namespace rk::bridge {
 namespace {
 
-void addInt32(blob_buf *buf, const char *name, int32_t value) noexcept {
+// Each adder is false when the buffer could not grow for the attribute.
+bool addInt32(blob_buf *buf, const char *name, int32_t value) noexcept {
   uint32_t wire = htobe32(static_cast<uint32_t>(value));
-  blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &wire, sizeof wire);
+  return blobmsg_add_field(buf, BLOBMSG_TYPE_INT32, name, &wire, sizeof wire) == 0;
 }
 
-void addInt64(blob_buf *buf, const char *name, int64_t value) noexcept {
+bool addInt64(blob_buf *buf, const char *name, int64_t value) noexcept {
   uint64_t wire = htobe64(static_cast<uint64_t>(value));
-  blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &wire, sizeof wire);
+  return blobmsg_add_field(buf, BLOBMSG_TYPE_INT64, name, &wire, sizeof wire) == 0;
 }
 
-void addDouble(blob_buf *buf, const char *name, double value) noexcept {
+bool addDouble(blob_buf *buf, const char *name, double value) noexcept {
   uint64_t wire;
   memcpy(&wire, &value, sizeof wire);
   wire = htobe64(wire);
-  blobmsg_add_field(buf, BLOBMSG_TYPE_DOUBLE, name, &wire, sizeof wire);
+  return blobmsg_add_field(buf, BLOBMSG_TYPE_DOUBLE, name, &wire, sizeof wire) == 0;
 }
 
-void addBool(blob_buf *buf, const char *name, bool value) noexcept {
+bool addBool(blob_buf *buf, const char *name, bool value) noexcept {
   uint8_t byte = value ? 1 : 0;
-  blobmsg_add_field(buf, BLOBMSG_TYPE_BOOL, name, &byte, sizeof byte);
+  return blobmsg_add_field(buf, BLOBMSG_TYPE_BOOL, name, &byte, sizeof byte) == 0;
 }
 
-void addString(blob_buf *buf, const char *name, const char *text) noexcept {
-  blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, text,
-                    static_cast<unsigned int>(strlen(text) + 1));
+bool addString(blob_buf *buf, const char *name, const char *text) noexcept {
+  return blobmsg_add_field(buf, BLOBMSG_TYPE_STRING, name, text,
+                           static_cast<unsigned int>(strlen(text) + 1)) == 0;
 }
 
 // Where a writer started in the buffer, so that a conversion that cannot end
@@ -81,7 +82,7 @@ struct BlobConversion {
   VisitedTableSet *set = nullptr;
   blob_buf *buf = nullptr;
   WorkStack<LuaBlobFrame> stack;
-  bool failed = false;  // the work stack could not grow
+  bool failed = false;  // memory ran out: the work stack or the buffer could not grow
 };
 static_assert(std::is_trivially_destructible_v<BlobConversion>,
               "a Lua error may jump over the frame that holds it");
@@ -90,33 +91,28 @@ static_assert(std::is_trivially_destructible_v<BlobConversion>,
 // docs/internals.md, "Lua: errors are jumps").
 
 // Appends the value at `index`, of `type`, not a table, under `name`
-// (NULL: none).
-void scalarToBlob(lua_State *L, int index, int type, const char *name, blob_buf *buf) {
+// (NULL: none); false when the buffer could not grow for it.
+bool scalarToBlob(lua_State *L, int index, int type, const char *name, blob_buf *buf) {
   switch (type) {
     case LUA_TBOOLEAN:
-      addBool(buf, name, lua_toboolean(L, index));
-      break;
+      return addBool(buf, name, lua_toboolean(L, index));
     case LUA_TNUMBER: {
       lua_Number n = lua_tonumber(L, index);
       int32_t i;
-      if (luaNumberInt32(L, index, n, &i))
-        addInt32(buf, name, i);
-      else
-        addDouble(buf, name, n);
-      break;
+      if (luaNumberInt32(L, index, n, &i)) return addInt32(buf, name, i);
+      return addDouble(buf, name, n);
     }
     case LUA_TSTRING:
-      addString(buf, name, lua_tostring(L, index));
-      break;
+      return addString(buf, name, lua_tostring(L, index));
     default:
-      break;
+      return true;
   }
 }
 
 // Opens the table at the absolute `index` on the work stack, with its nest
 // opened under `name` and the Lua stack made ready for its walk; false when
-// it writes nothing: met before, no room on the Lua stack or in the buffer,
-// or no memory (conv->failed when the work stack could not grow).
+// it writes nothing: met before, no room on the Lua stack, or no memory
+// (conv->failed then).
 bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) {
   if (visited_table_check(&conv->set, lua_topointer(L, index))) return false;
   int32_t n = lua_table_array_length(L, index);
@@ -125,7 +121,10 @@ bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) 
   void *nest = nullptr;
   if (n >= 0 || name) {
     nest = blobmsg_open_nested(conv->buf, name, n >= 0);
-    if (!nest) return false;
+    if (!nest) {
+      conv->failed = true;
+      return false;
+    }
   }
   LuaBlobFrame *frame = conv->stack.push();
   if (!frame) {
@@ -140,7 +139,7 @@ bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) 
 // Writes the elements of the array on top of the work stack from its next
 // one on, each in an unnamed table of its own, until one is a table: true
 // when that was opened on the stack (its wrapper stays open), false at the
-// end or when the work stack could not grow (conv->failed).
+// end or when memory ran out (conv->failed).
 bool walkArray(lua_State *L, BlobConversion *conv) {
   const LuaBlobFrame &f = conv->stack.top();
   blob_buf *buf = conv->buf;
@@ -148,7 +147,10 @@ bool walkArray(lua_State *L, BlobConversion *conv) {
   const int32_t n = f.n;
   for (int32_t i = f.i; i < n; ++i) {
     void *wrapper = blobmsg_open_nested(buf, nullptr, false);
-    if (!wrapper) break;  // the buffer is full
+    if (!wrapper) {
+      conv->failed = true;
+      return false;
+    }
     lua_rawgeti(L, table, i + 1);
     const int type = lua_type(L, -1);
     if (type == LUA_TTABLE) {
@@ -157,8 +159,9 @@ bool walkArray(lua_State *L, BlobConversion *conv) {
       top.wrapper = wrapper;
       if (openTable(L, lua_gettop(L), conv, nullptr)) return true;
       if (conv->failed) return false;
-    } else {
-      scalarToBlob(L, -1, type, nullptr, buf);
+    } else if (!scalarToBlob(L, -1, type, nullptr, buf)) {
+      conv->failed = true;
+      return false;
     }
     lua_settop(L, -2);
     blob_nest_end(buf, wrapper);
@@ -177,8 +180,9 @@ bool walkObject(lua_State *L, BlobConversion *conv) {
       if (type == LUA_TTABLE) {
         if (openTable(L, lua_gettop(L) - 1, conv, key)) return true;
         if (conv->failed) return false;
-      } else {
-        scalarToBlob(L, -2, type, key, conv->buf);
+      } else if (!scalarToBlob(L, -2, type, key, conv->buf)) {
+        conv->failed = true;
+        return false;
       }
     }
     lua_settop(L, -3);
@@ -194,7 +198,7 @@ int lua_to_blob_value(lua_State *L, int index, BlobConversion *conv, const char 
   if (index < 0) index += lua_gettop(L) + 1;
   const int type = lua_type(L, index);
   if (type != LUA_TTABLE) {
-    scalarToBlob(L, index, type, name, conv->buf);
+    if (!scalarToBlob(L, index, type, name, conv->buf)) conv->failed = true;
     return 0;
   }
   if (!openTable(L, index, conv, name)) return 0;
@@ -230,13 +234,16 @@ struct JsonBlobFrame {
 };
 
 // Opens the container `obj` on the work stack, with its nest opened under
-// `name`; false when it writes nothing: no room in the buffer, or no memory
-// (*failed when the work stack could not grow).
+// `name`; false, with *failed, when memory ran out (the buffer or the work
+// stack could not grow).
 bool openContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, const char *name,
                    json_object *obj, json_type type, bool *failed) noexcept {
   const bool array = type == json_type_array;
   void *nest = blobmsg_open_nested(buf, name, array);
-  if (!nest) return false;
+  if (!nest) {
+    *failed = true;
+    return false;
+  }
   JsonBlobFrame *frame = stack.push();
   if (!frame) {
     *failed = true;
@@ -249,35 +256,29 @@ bool openContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, const char *n
   return true;
 }
 
-// Appends `obj`, of `type`, which is no container.
-void scalarToBlob(blob_buf *buf, const char *name, json_object *obj, json_type type) noexcept {
+// Appends `obj`, of `type`, which is no container; false when the buffer
+// could not grow for it.
+bool scalarToBlob(blob_buf *buf, const char *name, json_object *obj, json_type type) noexcept {
   switch (type) {
     case json_type_boolean:
-      addBool(buf, name, json_object_get_boolean(obj));
-      break;
+      return addBool(buf, name, json_object_get_boolean(obj));
     case json_type_double:
-      addDouble(buf, name, json_object_get_double(obj));
-      break;
+      return addDouble(buf, name, json_object_get_double(obj));
     case json_type_int: {
       int64_t v = json_object_get_int64(obj);
-      if (v >= INT32_MIN && v <= INT32_MAX)
-        addInt32(buf, name, static_cast<int32_t>(v));
-      else
-        addInt64(buf, name, v);
-      break;
+      if (v >= INT32_MIN && v <= INT32_MAX) return addInt32(buf, name, static_cast<int32_t>(v));
+      return addInt64(buf, name, v);
     }
     case json_type_string:
-      addString(buf, name, json_object_get_string(obj));
-      break;
+      return addString(buf, name, json_object_get_string(obj));
     default:  // null
-      break;
+      return true;
   }
 }
 
 // Appends the members or elements of the container on top of the work
 // stack from its next one on, until one is a container: true when that was
-// opened on the stack, false at the end; *failed when the work stack could
-// not grow.
+// opened on the stack, false at the end; *failed when memory ran out.
 bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed) noexcept {
   JsonBlobFrame &f = stack.top();
   if (const array_list *elements = f.elements) {
@@ -285,8 +286,9 @@ bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed)
       auto *child = static_cast<json_object *>(elements->array[i]);
       const json_type type = json_object_get_type(child);
       if (!isContainer(type)) {
-        scalarToBlob(buf, nullptr, child, type);
-        continue;
+        if (scalarToBlob(buf, nullptr, child, type)) continue;
+        *failed = true;
+        return false;
       }
       f.i = i + 1;
       if (openContainer(stack, buf, nullptr, child, type, failed)) return true;
@@ -299,8 +301,9 @@ bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed)
     auto *child = static_cast<json_object *>(lh_entry_v(entry));
     const json_type type = json_object_get_type(child);
     if (!isContainer(type)) {
-      scalarToBlob(buf, key, child, type);
-      continue;
+      if (scalarToBlob(buf, key, child, type)) continue;
+      *failed = true;
+      return false;
     }
     f.next = lh_entry_next(entry);
     if (openContainer(stack, buf, key, child, type, failed)) return true;
@@ -311,7 +314,7 @@ bool walkContainer(WorkStack<JsonBlobFrame> &stack, blob_buf *buf, bool *failed)
 
 // Appends the containers on the work stack, the top one opened by the
 // caller, until the stack is empty: each member and element in the order of
-// the recursion this replaces. False when the work stack could not grow.
+// the recursion this replaces. False when memory ran out.
 bool json_to_blob_value(WorkStack<JsonBlobFrame> &stack, blob_buf *buf) noexcept {
   bool failed = false;
   while (!stack.empty()) {

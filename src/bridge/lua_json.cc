@@ -31,7 +31,7 @@ struct JsonFrame {
 struct JsonConversion {
   VisitedTableSet *set = nullptr;
   WorkStack<JsonFrame> stack;
-  bool failed = false;  // the work stack could not grow
+  bool failed = false;  // memory ran out: for the work stack, the set or json-c
   json_object *result = nullptr;
 };
 static_assert(std::is_trivially_destructible_v<JsonConversion>,
@@ -52,7 +52,7 @@ void releaseChild(JsonConversion *conv, json_object *value, uint32_t height) noe
 // (see docs/internals.md, "Lua: errors are jumps").
 
 // The value at `index`, of `type`, not a table, as a json-c object or NULL.
-json_object *scalarToJson(lua_State *L, int index, int type) {
+json_object *scalarOf(lua_State *L, int index, int type) {
   switch (type) {
     case LUA_TBOOLEAN:
       return json_object_new_boolean(lua_toboolean(L, index));
@@ -69,15 +69,28 @@ json_object *scalarToJson(lua_State *L, int index, int type) {
   }
 }
 
+// The same; a value with a JSON form that json-c had no memory for fails
+// the conversion.
+json_object *scalarToJson(lua_State *L, int index, int type, JsonConversion *conv) {
+  json_object *value = scalarOf(L, index, type);
+  if (!value && (type == LUA_TBOOLEAN || type == LUA_TNUMBER || type == LUA_TSTRING)) conv->failed = true;
+  return value;
+}
+
 // Opens the table at the absolute `index` on the work stack, with the Lua
 // stack made ready for its walk; false when its value is NULL: met before,
-// no room on the Lua stack, or no memory (conv->failed when the work stack
-// could not grow).
+// no room on the Lua stack, or no memory (conv->failed then).
 bool openTable(lua_State *L, int index, JsonConversion *conv) {
-  if (visited_table_check(&conv->set, lua_topointer(L, index))) return false;
+  if (visited_table_check(&conv->set, lua_topointer(L, index))) {
+    conv->failed = !conv->set;
+    return false;
+  }
   int32_t n = lua_table_array_length(L, index);
   json_object *container = n >= 0 ? json_object_new_array() : json_object_new_object();
-  if (!container) return false;
+  if (!container) {
+    conv->failed = true;
+    return false;
+  }
   JsonFrame *frame = conv->stack.push();
   if (!frame) {
     json_object_put(container);
@@ -108,6 +121,7 @@ void addMember(JsonConversion *conv, json_object *object, const char *key, json_
   if (json_object_object_add_ex(object, key, value, mayReplace ? 0 : JSON_C_OBJECT_ADD_KEY_IS_NEW) != 0) {
     json_object_put(replaced);
     releaseChild(conv, value, height);
+    conv->failed = true;
   } else if (replaced) {
     releaseChild(conv, replaced, tallest);
   }
@@ -121,8 +135,8 @@ void addTable(lua_State *L, JsonConversion *conv, json_object *value, uint32_t h
   if (f.n >= 0) {
     lua_settop(L, -2);
     if (json_object_array_put_idx(f.node, static_cast<size_t>(f.i), value) != 0) {
-      releaseChild(conv, value, height);  // out of memory: the array ends here
-      f.i = f.n;
+      releaseChild(conv, value, height);
+      conv->failed = true;
       return;
     }
     f.i++;
@@ -136,7 +150,7 @@ void addTable(lua_State *L, JsonConversion *conv, json_object *value, uint32_t h
 
 // Converts the elements of the array on top of the work stack from its next
 // one on, until one is a table: true when that was opened on the stack,
-// false at the end or when the work stack could not grow (conv->failed).
+// false at the end or when memory ran out (conv->failed).
 bool walkArray(lua_State *L, JsonConversion *conv) {
   const JsonFrame &f = conv->stack.top();
   json_object *array = f.node;
@@ -150,13 +164,14 @@ bool walkArray(lua_State *L, JsonConversion *conv) {
       conv->stack.top().i = i;
       if (openTable(L, lua_gettop(L), conv)) return true;
       if (conv->failed) return false;
-    } else {
-      value = scalarToJson(L, -1, type);
+    } else if (!(value = scalarToJson(L, -1, type, conv)) && conv->failed) {
+      return false;
     }
     lua_settop(L, -2);
     if (json_object_array_put_idx(array, static_cast<size_t>(i), value) != 0) {
-      json_object_put(value);  // out of memory: the array ends here
-      break;
+      json_object_put(value);
+      conv->failed = true;
+      return false;
     }
   }
   return false;
@@ -185,12 +200,13 @@ bool walkObject(lua_State *L, JsonConversion *conv) {
         top.numberMet = numberMet;
         if (openTable(L, lua_gettop(L) - 1, conv)) return true;
         if (conv->failed) return false;
-      } else {
-        value = scalarToJson(L, -2, type);
+      } else if (!(value = scalarToJson(L, -2, type, conv)) && conv->failed) {
+        return false;
       }
       const bool mayReplace = number || numberMet;
       numberMet = mayReplace;
       addMember(conv, object, key, value, 0, mayReplace, tallest);
+      if (conv->failed) return false;
     }
     lua_settop(L, -3);
   }
@@ -203,7 +219,7 @@ bool walkObject(lua_State *L, JsonConversion *conv) {
 json_object *lua_to_json_value(lua_State *L, int index, JsonConversion *conv) {
   if (index < 0) index += lua_gettop(L) + 1;
   const int type = lua_type(L, index);
-  if (type != LUA_TTABLE) return scalarToJson(L, index, type);
+  if (type != LUA_TTABLE) return scalarOf(L, index, type);
   if (!openTable(L, index, conv)) return nullptr;
   for (;;) {
     if (conv->stack.top().n >= 0 ? walkArray(L, conv) : walkObject(L, conv)) continue;
@@ -214,6 +230,7 @@ json_object *lua_to_json_value(lua_State *L, int index, JsonConversion *conv) {
     conv->stack.pop();
     if (conv->stack.empty()) return done;
     addTable(L, conv, done, height);
+    if (conv->failed) return nullptr;
   }
 }
 
@@ -229,9 +246,9 @@ json_object *luaToJson(lua_State *L, int index) noexcept {
   conv.set = visited_table_create();
   if (!conv.set) return nullptr;
   if (runProtected(L, index, toJsonBody, &conv, 0) != 1 || conv.failed) {
-    // A Lua error or a work stack that could not grow left these half
-    // filled; they hold everything built so far. Each is released with the
-    // frames from its own level up, which held its tree while it was built.
+    // A Lua error or memory running out left these half filled; they hold
+    // everything built so far. Each is released with the frames from its own
+    // level up, which held its tree while it was built.
     for (uint32_t i = conv.stack.depth(); i-- > 0;) {
       uint32_t count;
       JsonFrame *spare = conv.stack.spareFrom(i, &count);

@@ -58,7 +58,8 @@ bool pushEntry(lua_State *L) noexcept {
 
 int runProtected(lua_State *L, int index, void (*body)(lua_State *, void *), void *ud,
                  int nresults) noexcept {
-  if (!lua_checkstack(L, kRunSlots) || !pushEntry(L)) return -1;
+  if (!lua_checkstack(L, kRunSlots)) return -1;
+  if (!pushEntry(L)) return 0;  // no memory for the entry: as a Lua error
   int nargs = 1;
   if (index != 0) {
     lua_pushvalue(L, index);

@@ -9,8 +9,9 @@
  * A script calls a native function as a method, obj:name(arg) or
  * obj.name(obj, arg). Only the first argument after the object is passed
  * on, as `request` (NULL when there is none or it has no JSON form); the
- * callback fills `response`, an empty object made for the call, and the
- * script receives it as a table. Both are only lent to the callback, whose
+ * callback fills `response`, an empty object made for the call (when no
+ * memory is left for it the call raises "not enough memory" instead), and
+ * the script receives it as a table. Both are only lent to the callback, whose
  * own result is not read. The row is found by the name Lua reports for the
  * running call, so a method reached under another name (local f = obj.get;
  * f(obj)) or from native code (pcall(obj.get, obj)) fails with

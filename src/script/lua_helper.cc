@@ -84,6 +84,10 @@ int luaHelperInvoke(lua_State *L) {
   // jump over the releases.
   json_object *request = lua_gettop(L) > 1 ? lua_to_json(L, 2) : nullptr;
   json_object *response = json_object_new_object();
+  if (!response) {  // the callback is promised an object to fill
+    json_object_put(request);
+    raise(L, "not enough memory");
+  }
   row->callback(request, response);
   json_to_lua(L, response);
   json_object_put(request);
@@ -174,6 +178,8 @@ void callBody(lua_State *L, void *ud) {
     json_to_lua(L, job->arg);
   else
     lua_pushnil(L);
+  // An object always arrives as a value: nil is a conversion that ran out of memory.
+  if (job->arg && lua_isnil(L, -1)) return;
   job->called = true;
   lua_pcall(L, 1, 0, 0);  // a script error stays with the script
 }
@@ -183,27 +189,60 @@ int openLibs(lua_State *L) {
   return 0;
 }
 
+// The script's file loaded and its main chunk run, inside one protected
+// call: luaL_loadfile raises unprotected when memory runs out.
+struct Script {
+  const char *path;
+  int loaded;  // luaL_loadfile's status, or -1 before it returned
+};
+static_assert(std::is_trivially_destructible_v<Script>,
+              "a Lua error may jump over the frame that holds it");
+
+int runScript(lua_State *L) {
+  auto *job = static_cast<Script *>(lua_touserdata(L, 1));
+  job->loaded = luaL_loadfile(L, job->path);
+  if (job->loaded != 0) return 0;
+  lua_call(L, 0, 0);
+  return 0;
+}
+
+// luaopen_io, out of memory halfway through making io.stdin or io.stdout,
+// leaves that object with the closing function of an ordinary file: closing
+// the state would close the daemon's own stream. A state whose libraries
+// could not all be opened has no file of its own to close.
+int keepStreams(lua_State *L) {
+  luaL_getmetatable(L, "FILE*");
+  if (lua_istable(L, -1)) {
+    lua_pushnil(L);
+    lua_setfield(L, -2, "__gc");
+  }
+  return 0;
+}
+
 }  // namespace
 
 LuaHelper *createHelper(const char *path) noexcept {
   auto *helper = static_cast<LuaHelper *>(calloc(1, sizeof(LuaHelper)));
   if (!helper) return nullptr;
   helper->state = luaL_newstate();
-  if (!helper->state || lua_cpcall(helper->state, openLibs, nullptr) != 0) {
+  if (!helper->state) {
     destroyHelper(helper);
     return nullptr;
   }
-  if (luaL_loadfile(helper->state, path) != 0) {
-    RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
+  if (lua_cpcall(helper->state, openLibs, nullptr) != 0) {
+    lua_cpcall(helper->state, keepStreams, nullptr);
     destroyHelper(helper);
     return nullptr;
   }
-  if (lua_pcall(helper->state, 0, 0, 0) != 0) {
-    RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
-    destroyHelper(helper);
-    return nullptr;
-  }
-  return helper;
+  Script job{path, -1};
+  const int status = lua_cpcall(helper->state, runScript, &job);
+  if (status == 0 && job.loaded == 0) return helper;
+  // Running out of memory is not the script's fault: nothing is logged.
+  const bool noMemory = status == LUA_ERRMEM || job.loaded == LUA_ERRMEM;
+  if (!noMemory && job.loaded != 0) RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
+  if (!noMemory && job.loaded == 0) RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
+  destroyHelper(helper);
+  return nullptr;
 }
 
 void destroyHelper(LuaHelper *helper) noexcept {

@@ -58,7 +58,7 @@ SavedSignal g_signals[] = {
     {SIGINT, false, {}}, {SIGTERM, false, {}}, {SIGCHLD, false, {}}, {SIGPIPE, false, {}}};
 
 int64_t now_us() noexcept {
-  timespec ts;
+  timespec ts{};  // a failed read gives time 0, not whatever was on the stack
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }

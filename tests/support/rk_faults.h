@@ -7,8 +7,6 @@
 // operator new), a system call with -1 and an errno of its own.
 #pragma once
 
-#include <stddef.h>
-
 namespace rk::test {
 
 enum class Hook { kAlloc, kSyscall };
@@ -17,10 +15,8 @@ enum class Hook { kAlloc, kSyscall };
 void Arm(Hook hook, long n);
 // Stops counting; true when the armed failure happened.
 bool Disarm();
-// Calls counted, and distinct callers among them, since the last Arm(…, 0)
-// (a run without failure counts every call of an entry point).
+// Calls counted since the last Arm.
 long ArmedCalls();
-size_t ArmedSites();
 // Blocks allocated and not yet freed, counted all the time.
 long LiveBlocks();
 // False where the definitions cannot take the place of the C library's (a

@@ -63,6 +63,13 @@ TEST_F(OneShot, StringFollowsTheCallerTerminatedContract) {
   EXPECT_EQ(std::string(buf, 8), "XXXXXXXX");
 }
 
+TEST_F(OneShot, OneLineOfOneMebibyteReadsAsAnyOther) {
+  put("big", "config big 'b'; option long '" + std::string(1 << 20, 'x') + "'; option ok 'yes'");
+  char text[8] = {}, ok[8] = {};
+  EXPECT_EQ(uciGetOptionString("big", nullptr, "b", "long", text, 8) + uciGetOptionString("big", nullptr, "b", "ok", ok, 8), 0);
+  EXPECT_EQ(std::string(text) + " " + ok, "xxxxxxx yes");
+}
+
 // A reader on option `option` of section 'v' in "types": "<result> <value>".
 using Reader = std::string (*)(const char *option);
 template <typename T, int (*read)(const char *, const char *, const char *, const char *, T *)>

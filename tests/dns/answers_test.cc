@@ -169,6 +169,13 @@ TEST_F(DnsAnswers, RecordsCutByTheEndAreReportedAndWhatCameBeforeIsDelivered) {
        {kNotPointer, "E [checkDnsSocket:N]error protol(domain:abcde,count:0/1)"}, {}},
       {"a question name cut by the end decodes as if zeros followed",
        Header(kId, 1, 1).raw({0x3F, 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a', 'a'}).b, -1, {}, {}, {}},
+      // Hostile counts and names.
+      {"65535 answers claimed, one there", Response(kId, kQ, 65535).a("1.1.1.1").b, 0, {"aaa.bbbbbbb.ccc: 1.1.1.1"}, {},
+       {{kQ, "1.1.1.1"}}},
+      {"a pointer to itself is not followed", Response(kId, kQ, 1).raw({0xC0, 33}).record(1, 60, V4("1.2.3.4")).b, 0,
+       {"aaa.bbbbbbb.ccc: 1.2.3.4"}, {}, {}},
+      {"a question name that is a pointer to itself", Header(kId, 1, 1).raw({0xC0, 0x0C}).u16(1).u16(1).a("1.1.1.1").b,
+       -1, {}, {kNotPointer}, {}},
   };
   for (const Row &row : rows) expect(row);
 }

@@ -66,6 +66,10 @@ TEST(DnsLabelDecoder, Table) {
       {"c0 00", ""}};       // c0 reads as a label length, not as a pointer
   char out[rk::dns::kNameBufferSize];
   for (const auto &row : rows) EXPECT_EQ(decode(Hex(row.labels), out), row.text) << row.labels;
+  // 255 labels of one byte: cut at 253 characters.
+  std::string a255, text = "a";
+  for (int i = 0; i < 255; ++i) a255 += "01 'a ", text += i < 126 ? ".a" : "";
+  EXPECT_EQ(decode(Hex(a255 + "00"), out), text);
 }
 
 TEST(DnsLabelDecoder, ReadsAtMost254BytesAndWritesAtMost254) {

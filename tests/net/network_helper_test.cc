@@ -44,12 +44,14 @@ TEST(DelayRecord, WritesNewestFirstAndAveragesFive) {
 TEST(DelayRecord, LinesItDidNotWriteAreSkipped) {
   RK_REQUIRE_NAMESPACE();
   // A write carries over exactly the records it read.
+  std::string million;
+  for (int i = 0; i < 1000000; ++i) million += "x\n";
   const struct { std::string file; const char *kept; } rows[] = {
       {"a 1\nb\nc 3\n", "a 1\nc 3\n"},
       {"0123456789abcdef 5\n0123456789abcde 7", "0123456789abcde 7\n"},  // 16 and 15 characters
       {"x 1 2\ny -1\nz 4294967296\nv 12abc\n s 5\nt\t6\n\nw  8\nu 8\n", "u 8\n"},
       {std::string(5000, 'y') + " 9\nok 9\n", "ok 9\n"},
-      {std::string("n\0l 5\ne 6\n", 10), "e 6\n"}, {"only garbage\n", ""}};
+      {std::string("n\0l 5\ne 6\n", 10), "e 6\n"}, {"only garbage\n", ""}, {million + "m 1\n", "m 1\n"}};
   for (const auto &r : rows) {
     ASSERT_TRUE(WriteFile(kState, r.file));
     EXPECT_EQ(setInternetDelay("new", 1), 0);

@@ -3,7 +3,6 @@
 // at /dev/log) or install a /usr/bin/factory run in the private namespaces.
 #include <routerkit/config.h>
 
-#include <sys/syscall.h>
 #include <syslog.h>
 
 #include <tuple>
@@ -137,18 +136,6 @@ TEST_F(FactoryTest, OutputFormsAndEdges) {
     EXPECT_EQ(Written(getFactoryValue("sn", out.bytes, size), out), std::to_string(result) + " " + text) << what;
     EXPECT_EQ(ReadFile("/tmp/factory.args"), "show sn");
   }
-}
-
-TEST_F(FactoryTest, FailedStartGivesMinusOne) {
-  RK_SKIP_UNDER_EMULATION("a seccomp filter does not see emulated system calls");
-  InstallTool("sn=ABC\n");
-  Out out;
-  // No pipe for popen: the tool never starts.
-  const int code = RunInChild([&] {
-    if (!FailSyscall(SYS_pipe2, EMFILE)) return 2;
-    return getFactoryValue("sn", out.bytes, 64) == -1 && out.untouched() ? 0 : 1;
-  });
-  EXPECT_EQ(code, 0);
 }
 
 TEST_F(FactoryTest, BadArgumentsDoNotRunTheTool) {

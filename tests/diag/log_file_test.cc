@@ -3,7 +3,6 @@
 #include <routerkit/log.h>
 
 #include <stdarg.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
 #include <regex>
@@ -69,21 +68,6 @@ TEST_F(LogFileTest, MissingDirectoryIsReportedAndNotMade) {
   logfile_printf(path.c_str(), "lost\n");
   EXPECT_EQ(err.Stop(), "open " + path + " fail, errno : No such file or directory\n");
   EXPECT_FALSE(FileExists(dir_ / "missing"));
-}
-
-TEST_F(LogFileTest, FailedLockLosesTheMessage) {
-  RK_SKIP_UNDER_EMULATION("a seccomp filter does not see emulated system calls");
-  const std::string err_file = dir_ / "stderr";
-  int code = RunInChild([&] {
-    if (!freopen(err_file.c_str(), "w", stderr) || !FailSyscall(SYS_flock, ENOLCK)) return 2;
-    const int before = OpenFdCount();
-    logfile_printf(path_.c_str(), "lost\n");
-    return OpenFdCount() == before ? 0 : 3;
-  });
-  ASSERT_EQ(code, 0);
-  EXPECT_EQ(ReadFile(err_file), "flock " + path_ + " fail, errno : No locks available\n");
-  EXPECT_EQ(ReadFile(path_), "");  // opened (and created), nothing written
-  EXPECT_TRUE(FileExists(path_));
 }
 
 TEST_F(LogFileTest, ConcurrentWritersKeepEachMessageWhole) {

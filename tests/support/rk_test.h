@@ -145,8 +145,4 @@ pid_t StartChild(const std::function<int()> &body);
 int WaitChild(pid_t pid);
 inline int RunInChild(const std::function<int()> &body) { return WaitChild(StartChild(body)); }
 
-// From here on, in this process, system call `nr` fails with `err` without
-// running. For forked children only: the filter cannot be removed.
-bool FailSyscall(long nr, int err);
-
 }  // namespace rk::test

@@ -180,15 +180,18 @@ Run Script(bool withObj, int (*call)(LuaHelper *, json_object *)) {
   };
 }
 
-// A DNS context and `call` on it.
-Run Dns(int (*call)(AsyncDnsContext *)) {
+// `call` on what `make` makes (`drop` releases it): a DNS or ping context.
+template <typename Make, typename Drop, typename Call>
+Run On(Make make, Drop drop, Call call) {
   return [=] {
-    AsyncDnsContext *c = asyncDns_create(nullptr);
-    const int rc = Armed([&] { return call(c); });
-    asyncDns_destroy(c);
+    auto *made = make();
+    const int rc = Armed([&] { return call(made); });
+    drop(made);
     return Str(rc);
   };
 }
+Run Dns(int (*call)(AsyncDnsContext *)) { return On([] { return asyncDns_create(nullptr); }, asyncDns_destroy, call); }
+Run Ping(int (*call)(AsyncPingContext *)) { return On([] { return asyncPing_create(nullptr); }, asyncPing_destroy, call); }
 
 DnsAddressEntry Address(uint8_t last) {
   DnsAddressEntry a{};
@@ -236,17 +239,6 @@ Run Answered(bool tracked) {
     close(pair[0]), close(pair[1]);
     asyncDns_destroy(c);
     return out;
-  };
-}
-
-// A raw ping context (with a reply callback when `timed`) and `call` on it.
-Run Ping(bool timed, int (*call)(AsyncPingContext *)) {
-  return [=] {
-    AsyncPingContext *c = asyncPing_create(nullptr);
-    if (timed) asyncPing_setReplyCallback(c, [](auto, auto, auto, auto) {});
-    const int rc = Armed([&] { return call(c); });
-    asyncPing_destroy(c);
-    return Str(rc);
   };
 }
 
@@ -445,8 +437,9 @@ std::vector<Row> SyscallRows() {
        {"NULL" + noPingSocket, "made" + kLine + "createPingSock:N\\]setsockopt:ICMP6_FILTER"}},
       {"asyncPing_createUnprivileged", Made([] { return asyncPing_createUnprivileged(nullptr); }, asyncPing_destroy, true),
        "made", {"NULL (Too many open files|No buffer space available)" + noPingSocket}},
-      {"asyncPing4", Ping(false, [](auto c) { return asyncPing4(c, "127.0.0.1"); }), "36", {"-1"}},
-      {"asyncPing6", Ping(true, [](auto c) { return asyncPing6(c, "::1"); }), "24", {"-1"}},
+      {"asyncPing4", Ping([](auto c) { return asyncPing4(c, "127.0.0.1"); }), "36", {"-1"}},
+      {"asyncPing6", Ping([](auto c) { return asyncPing_setReplyCallback(c, [](auto, auto, auto, auto) {}), asyncPing6(c, "::1"); }),
+       "24", {"-1"}},
       {"asyncLookup", Dns([](auto c) { return asyncDns_AddServer(c, "127.0.0.1"), asyncDns_AddServer6(c, "::1"), asyncLookup(c, "a"); }),
        "0 | I [asyncDns_AddServer:N]add 127.0.0.1 | I [asyncDns_AddServer6:N]add ::1", {}},
       {"asyncLookupPtr", Dns([](auto c) {

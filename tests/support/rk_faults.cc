@@ -30,7 +30,7 @@ long failAt = 0, calls = 0;
 std::atomic<long> liveBlocks{0};
 
 // True when this call is the one to fail.
-bool FailNow(Hook hook) {
+[[maybe_unused]] bool FailNow(Hook hook) {  // unused in a static program
   if (!armed || hook != armedHook || ++calls != failAt) return false;
   return fired = true;
 }

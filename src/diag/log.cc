@@ -89,6 +89,9 @@ void setUp() noexcept {
   if (access(kLogDir, F_OK) != 0) mkdir(kLogDir, kLogDirMode);
   snprintf(work.data(), work.size(), "%s/%s.log", kLogDir, logName);
   storePath(work.data());
+  // Without memory for the path the set-up is not done: the next call that
+  // needs it tries again, rather than no file ever being written.
+  if (!logPath.load()) logName[0] = '\0';
 }
 
 void ensureSetUp() noexcept {

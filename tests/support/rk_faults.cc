@@ -46,7 +46,6 @@ bool Disarm() {
   return fired;
 }
 
-long ArmedCalls() { return calls; }
 long LiveBlocks() { return liveBlocks.load(); }
 
 #ifdef RK_FAULTS_STATIC

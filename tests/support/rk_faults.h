@@ -15,8 +15,6 @@ enum class Hook { kAlloc, kSyscall };
 void Arm(Hook hook, long n);
 // Stops counting; true when the armed failure happened.
 bool Disarm();
-// Calls counted since the last Arm.
-long ArmedCalls();
 // Blocks allocated and not yet freed, counted all the time.
 long LiveBlocks();
 // False where the definitions cannot take the place of the C library's (a

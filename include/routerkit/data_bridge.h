@@ -29,10 +29,10 @@
  * with their twin's failure result and one log line, and otherwise give
  * exactly what the twin gives.
  *
- * No plain function here logs, and none lets a Lua error reach its caller: a Lua
- * error raised inside a conversion (the Lua state running out of memory)
- * ends it with NULL, with nothing written, or with nil pushed, and whatever
- * was built is released. Only a failure to grow the caller's own Lua stack
+ * No plain function here logs, and none lets a Lua error reach its caller:
+ * a Lua error raised inside a conversion (the Lua state running out of
+ * memory) ends it with NULL, with nothing written, or with nil pushed, and
+ * whatever was built is released. Only a failure to grow the caller's own Lua stack
  * before a conversion starts can raise, as any Lua API call can.
  *
  * The C stack a conversion needs does not grow with the nesting: the levels
@@ -146,17 +146,18 @@ typedef struct RkConvertLimits {
  * The twins of lua_to_json, lua_to_blob, json_to_lua and blob_to_lua, with
  * `limits` (NULL: the defaults). A value within them converts exactly as
  * the twin converts it, but for a sparse array under RK_SPARSE_AS_OBJECT,
- * which becomes an object as a table with other keys would. A value beyond them is refused, with whatever was
- * built of it released, and the refusal logged in one warning line,
- * "[<entry>:<line>]refused: ...": deeper than N levels, more than N
- * values, or sparse array, largest index I, elements K. Its result is the
- * twin's failure: NULL from lua_to_json_limited; nothing written and 0 from
- * lua_to_blob_limited; nil pushed by json_to_lua_limited, and by
- * blob_to_lua_limited with 0. An array out of Lua is weighed before any of
- * its elements is made, so {[2147483647] = true} is refused at once. Sparse
- * arrays are a matter of Lua tables only; the levels of blob_to_lua_limited
- * start with the table of the run. The plain twins keep the bounds
- * documented with them and no others.
+ * which becomes an object as a table with other keys would. A value beyond
+ * them is refused, with whatever was built of it released, and the refusal
+ * logged in one warning line, "[<entry>:<line>]refused: ...": deeper than
+ * N levels, more than N values, or sparse array, largest index I,
+ * elements K. Its result is the twin's failure: NULL from
+ * lua_to_json_limited; nothing written and 0 from lua_to_blob_limited; nil
+ * pushed by json_to_lua_limited, and by blob_to_lua_limited with 0. An
+ * array out of Lua is weighed before any of its elements is made, so
+ * {[2147483647] = true} is refused at once. Sparse arrays are a matter of
+ * Lua tables only; the levels of blob_to_lua_limited start with the table
+ * of the run. The plain twins keep the bounds documented with them and no
+ * others.
  */
 RK_API struct json_object *lua_to_json_limited(struct lua_State *L, int index,
                                                const RkConvertLimits *limits);

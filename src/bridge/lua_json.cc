@@ -31,7 +31,8 @@ struct JsonFrame {
 struct JsonConversion {
   VisitedTableSet *set = nullptr;
   WorkStack<JsonFrame> stack;
-  bool failed = false;  // the work stack could not grow
+  Bounds *bounds = nullptr;  // none for the plain conversion
+  bool failed = false;       // the work stack could not grow, or the bounds refused
   json_object *result = nullptr;
 };
 static_assert(std::is_trivially_destructible_v<JsonConversion>,
@@ -72,10 +73,15 @@ json_object *scalarToJson(lua_State *L, int index, int type) {
 // Opens the table at the absolute `index` on the work stack, with the Lua
 // stack made ready for its walk; false when its value is NULL: met before,
 // no room on the Lua stack, or no memory (conv->failed when the work stack
-// could not grow).
+// could not grow or the bounds refused it).
 bool openTable(lua_State *L, int index, JsonConversion *conv) {
   if (visited_table_check(&conv->set, lua_topointer(L, index))) return false;
-  int32_t n = lua_table_array_length(L, index);
+  uint32_t keys;
+  int32_t n = lua_table_array_length(L, index, &keys);
+  if (conv->bounds && !conv->bounds->table(conv->stack.depth() + 1, &n, keys)) {
+    conv->failed = true;
+    return false;
+  }
   json_object *container = n >= 0 ? json_object_new_array() : json_object_new_object();
   if (!container) return false;
   JsonFrame *frame = conv->stack.push();
@@ -170,6 +176,10 @@ bool walkObject(lua_State *L, JsonConversion *conv) {
   const uint32_t tallest = f.height;
   bool numberMet = f.numberMet;
   while (lua_next(L, table)) {
+    if (conv->bounds && !conv->bounds->count(1)) {
+      conv->failed = true;
+      return false;
+    }
     const bool number = lua_type(L, -2) == LUA_TNUMBER;
     // Only a copy of the key may be turned into text: lua_next needs the
     // key itself unchanged.
@@ -224,14 +234,16 @@ void toJsonBody(lua_State *L, void *ud) {
 
 }  // namespace
 
-json_object *luaToJson(lua_State *L, int index) noexcept {
+json_object *luaToJson(lua_State *L, int index, Bounds *bounds) noexcept {
   JsonConversion conv;
   conv.set = visited_table_create();
   if (!conv.set) return nullptr;
+  conv.bounds = bounds;
   if (runProtected(L, index, toJsonBody, &conv, 0) != 1 || conv.failed) {
-    // A Lua error or a work stack that could not grow left these half
-    // filled; they hold everything built so far. Each is released with the
-    // frames from its own level up, which held its tree while it was built.
+    // A Lua error, a work stack that could not grow or a refusal left these
+    // half filled; they hold everything built so far. Each is released with
+    // the frames from its own level up, which held its tree while it was
+    // built.
     for (uint32_t i = conv.stack.depth(); i-- > 0;) {
       uint32_t count;
       JsonFrame *spare = conv.stack.spareFrom(i, &count);
@@ -253,6 +265,14 @@ json_object *lua_to_json(lua_State *L, int index) {
   index = rk::bridge::stackIndex(L, index);
   if (!index) return nullptr;
   return rk::bridge::luaToJson(L, index);
+}
+
+json_object *lua_to_json_limited(lua_State *L, int index, const RkConvertLimits *limits) {
+  if (!L) return nullptr;
+  index = rk::bridge::stackIndex(L, index);
+  if (!index) return nullptr;
+  rk::bridge::Bounds bounds(limits, __func__);
+  return rk::bridge::luaToJson(L, index, &bounds);
 }
 
 }  // extern "C"

@@ -70,6 +70,9 @@ class Server {
     ssize_t n = recvmsg(fd_, &msg, 0);
     if (n < 0) return false;
     q->bytes.assign(buf, buf + n);
+    // musl's CMSG_NXTHDR compares a size with a pointer difference.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
     for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
       if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
       in6_pktinfo info;
@@ -81,6 +84,7 @@ class Server {
         inet_ntop(AF_INET6, &info.ipi6_addr, text, sizeof text);
       q->to = text;
     }
+#pragma GCC diagnostic pop
     return true;
   }
   std::vector<Query> Take(size_t n) {

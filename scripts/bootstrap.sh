@@ -11,6 +11,9 @@
 #   cross ARCH  install, cross-build and run the suite for one target
 #               (armhf: 32-bit little-endian, s390x: 64-bit big-endian, mips:
 #               32-bit big-endian MIPS32r2 with musl, a router's own CPU)
+#   footprint   what the library costs on each target: librouterkit.so as
+#               it would ship (size, text, NEEDED) and reachd's memory after
+#               10000 rounds (bench/run-footprint.sh)
 #
 # Build trees go to build/ in the checkout. Tests that need the system's
 # fixed paths run in private namespaces and need root.
@@ -166,7 +169,7 @@ mips_build_libs() { # dest
   # soname OpenWrt gives it.
   rm -rf "$src/lua-5.1.5" && tar xzf "$src/lua5.1_5.1.5.orig.tar.gz" -C "$src"
   make -s -C "$src/lua-5.1.5/src" -j "$jobs" CC="$dest/bin/cc" AR="$dest/bin/ar rcu" \
-    RANLIB="$dest/bin/ranlib" MYCFLAGS="-DLUA_USE_POSIX -fPIC" liblua.a
+    RANLIB="$dest/bin/ranlib" MYCFLAGS="-DLUA_USE_POSIX -fPIC -w" liblua.a
   (cd "$src/lua-5.1.5/src" && cp lua.h luaconf.h lualib.h lauxlib.h ../etc/lua.hpp "$usr/include" &&
     cp liblua.a "$usr/lib" && "$dest/bin/cc" -shared -o "$usr/lib/liblua.so.5.1.5" \
     -Wl,-soname,liblua.so.5.1 -Wl,--whole-archive liblua.a -Wl,--no-whole-archive -lm)
@@ -224,13 +227,32 @@ run_cross() { # arch
   t0=$(date +%s)
   configure_build "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$arch.cmake" \
     -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON $lua
-  echo "== $arch: built in $(( $(date +%s) - t0 )) s"
+  local built=$(( $(date +%s) - t0 ))
+  echo "== $arch: built in $built s"
   t0=$(date +%s)
   run_ctest "$dir" "$arch (qemu-user)"
   echo "== $arch: tests ran in $(( $(date +%s) - t0 )) s; skipped there, with the reason:"
+  timings+=("$arch: built in $built s, tests ran in $(( $(date +%s) - t0 )) s")
   local names
   names=$(grep -oE '[^ ]+ \.+\*\*\*Skipped' "$dir/ctest.log" | sed -E 's/ \.+\*\*\*Skipped//' | paste -sd'|' || true)
   [ -z "$names" ] || (cd "$dir" && ctest -V -R "^($names)\$" 2>&1 | grep -E 'Skipped$|skipped:' -A1 | grep -vE 'Skipped$|^--|Test +#' | sed 's/^[0-9]*: */   /') || true
+}
+
+# What the library costs on one target (native: the build machine's): built
+# as it would ship (-O2, linked with -s), then bench/run-footprint.sh.
+footprint() { # arch
+  local arch=$1 dir=build/size-$1 args=() emu=()
+  case "$arch" in
+    native) ;;
+    mips) args=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mips.cmake" "$(mips_deps)"); emu=(qemu-mips) ;;
+    armhf) args=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" $(cross_lua armhf)); emu=(qemu-arm) ;;
+    *) args=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$arch.cmake" $(cross_lua "$arch")); emu=("qemu-$arch") ;;
+  esac
+  configure "$dir" "${args[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DROUTERKIT_BUILD_TESTS=OFF \
+    -DROUTERKIT_HOSTDEPS=ON -DCMAKE_SHARED_LINKER_FLAGS=-s -DCMAKE_EXE_LINKER_FLAGS=-s >/dev/null
+  cmake --build "$dir" -j "$jobs" --target routerkit reachd >/dev/null
+  echo "== footprint: $arch"
+  bench/run-footprint.sh "$dir" "${emu[@]}"
 }
 
 configure() { # dir, extra cmake args...
@@ -242,7 +264,7 @@ configure_build() { # dir, extra cmake args...
   cmake --build "$1" -j "$jobs"
 }
 
-passed=0 failed=0 skipped=0 failed_names=()
+passed=0 failed=0 skipped=0 failed_names=() timings=()
 run_ctest() { # dir, label
   local dir=$1 label=$2 log out total nfail nskip
   log="$dir/ctest.log"
@@ -267,6 +289,8 @@ run_ctest() { # dir, label
 # The last lines of the run: the counts, then every failure by name, so that
 # the tail of a long log still says what broke.
 summary() {
+  local t
+  for t in "${timings[@]}"; do echo "time  $t"; done
   echo "tests: $passed passed, $failed failed, $skipped skipped"
   local f
   for f in "${failed_names[@]}"; do echo "FAILED  $f"; done
@@ -285,14 +309,18 @@ case "$mode" in
   test)
     install_packages
     echo "== plain build (with coverage counters)"
+    t0=$(date +%s)
     configure_build build/cov -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_COVERAGE=ON -DROUTERKIT_BUILD_BENCH=ON
     find build/cov -name '*.gcda' -delete
     run_ctest build/cov "plain"
+    timings+=("plain: built and ran in $(( $(date +%s) - t0 )) s")
 
     echo "== AddressSanitizer + UBSan build"
+    t0=$(date +%s)
     configure_build build/asan -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_SANITIZE=address,undefined
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       run_ctest build/asan "asan+ubsan"
+    timings+=("asan+ubsan: built and ran in $(( $(date +%s) - t0 )) s")
 
     for arch in "${cross_arches[@]}"; do
       echo "== cross build and run: $arch"
@@ -324,8 +352,16 @@ case "$mode" in
     run_cross "$arch"
     summary
     ;;
+  footprint)
+    install_packages
+    footprint native
+    for arch in "${cross_arches[@]}"; do
+      install_packages $(cross_packages "$arch")
+      footprint "$arch"
+    done
+    ;;
   *)
-    echo "usage: $0 main|test|cross armhf|s390x|mips" >&2
+    echo "usage: $0 main|test|cross armhf|s390x|mips|footprint" >&2
     exit 2
     ;;
 esac

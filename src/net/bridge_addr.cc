@@ -157,18 +157,19 @@ class AddressDump {
         strncpy(entry.name, reinterpret_cast<const char *>(data), dataSize);
       at += RTA_ALIGN(a.rta_len);
     }
+    if (!address && !local) return false;
     entry.name[sizeof entry.name - 1] = '\0';
     if (!entry.name[0] && !if_indextoname(m.ifa_index, entry.name)) return false;
     ifreq flags{};
     memcpy(flags.ifr_name, entry.name, sizeof entry.name);
     if (ioctl(fd_.get(), SIOCGIFFLAGS, &flags) != 0) return false;
     entry.flags = static_cast<unsigned short>(flags.ifr_flags);
-    memcpy(address_, local ? local : address, address || local ? size : 0);
+    memcpy(address_, local ? local : address, size);
     memset(mask_, 0, sizeof mask_);
     for (unsigned bit = 0; bit < m.ifa_prefixlen; ++bit) mask_[bit / 8] |= static_cast<uint8_t>(0x80 >> bit % 8);
     entry.addr = address_;
     entry.mask = mask_;
-    return address || local;
+    return true;
   }
 
   int family_;

@@ -42,10 +42,13 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
   uint8_t buf[2048];
   char control[256];
   iovec iov{buf, sizeof buf};
-  msghdr msg{&q->from, sizeof q->from, &iov, 1, control, sizeof control, 0};
+  msghdr msg = Message(&q->from, &iov, control, sizeof control);
   const ssize_t n = recvmsg(fd_, &msg, 0);
   if (n < 0) return false;
   q->bytes.assign(buf, buf + n);
+  // musl's CMSG_NXTHDR compares a size with a pointer difference.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
   for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
     if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
     in6_pktinfo info;
@@ -56,6 +59,7 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
     inet_ntop(v4 ? AF_INET : AF_INET6, &info.ipi6_addr.s6_addr[v4 ? 12 : 0], text, sizeof text);
     q->to = text;
   }
+#pragma GCC diagnostic pop
   return true;
 }
 
@@ -69,7 +73,7 @@ std::vector<DnsQuery> DnsResponder::Take(size_t n) {
 bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
-  msghdr msg{const_cast<sockaddr_in6 *>(&q.from), sizeof q.from, &iov, 1, control, sizeof control, 0};
+  msghdr msg = Message(const_cast<sockaddr_in6 *>(&q.from), &iov, control, sizeof control);
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
   c->cmsg_level = IPPROTO_IPV6;
   c->cmsg_type = IPV6_PKTINFO;

@@ -12,6 +12,18 @@ namespace {
 constexpr size_t kHeaderSize = 12;
 constexpr uint16_t kTypeA = 1, kTypeAaaa = 28;
 
+// Member by member: musl pads the record on some targets.
+msghdr Message(sockaddr_in6 *peer, iovec *iov, void *control, size_t controlLength) {
+  msghdr msg{};
+  msg.msg_name = peer;
+  msg.msg_namelen = sizeof *peer;
+  msg.msg_iov = iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = controlLength;
+  return msg;
+}
+
 }  // namespace
 
 DnsResponder::DnsResponder(uint16_t port) {

@@ -58,7 +58,7 @@ struct Watchdog {
   }
   void run() {
     uloop_timeout_set(&timer, kWatchdogMs);
-    uloop_run();
+    if (const int signal = uloop_run()) exit(128 + signal);  // SIGTERM or SIGINT, caught by uloop
     if (!timer.pending) ++fired;
     uloop_timeout_cancel(&timer);
   }

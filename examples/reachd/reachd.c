@@ -20,7 +20,8 @@
  * uloop_timeouts. With -1 (or option period 0) it runs one round and exits:
  * 0 when every target answered, 1 otherwise. With -n ROUNDS it runs that
  * many rounds back to back, without the period between them, and exits 0
- * (a soak run: bench/run-footprint.sh measures its memory so).
+ * (a soak run: bench/run-footprint.sh and bench/run-longrun.sh measure its
+ * memory so).
  *
  * The package (see reachd.config):
  *   config reachd 'main'
@@ -198,7 +199,9 @@ static void on_reply(AsyncPingContext *ctx, const char *address, uint16_t seq, u
   self->answered[seq / 8] |= bit;
   for (i = 0; i < self->ntargets; i++) {
     struct target *t = &self->targets[i];
-    if (strcmp(t->address, address) != 0) continue;
+    /* Targets may share an address (a name and its address both listed):
+     * the reply goes to one that still waits for it. */
+    if (strcmp(t->address, address) != 0 || t->received >= t->sent) continue;
     t->received++;
     t->rtt_sum += us;
     break;
@@ -303,8 +306,10 @@ static void start_round(struct uloop_timeout *timer) {
       names++;
     }
   }
-  /* Names get until the timeout to resolve (or fail); pings go out then. */
+  /* Names get until the timeout to resolve (or fail); pings go out then, or
+   * at once when the cache answered every name inside asyncLookup. */
   uloop_timeout_set(&d.resolve_deadline, names ? (int)d.timeout + BACKSTOP_MS : 0);
+  if (names) check_names(&d);
 }
 
 int main(int argc, char **argv) {

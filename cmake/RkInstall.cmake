@@ -8,7 +8,11 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/routerkit
 set(RK_PC_LIBS "-lrouterkit")
 set(RK_PC_CFLAGS "")
 if(RK_USE_STANDINS)
-  set(RK_PC_NOTE "host stand-ins for libubox and libuci are installed in this prefix")
+  set(RK_PC_NOTE "with the host stand-ins for libubox and libuci")
+  # A daemon finds them where the library does, and only through this file.
+  string(APPEND RK_PC_CFLAGS " -I\${includedir}/${RK_HOSTDEPS_SUBDIR}")
+  set(_rk_dir "\${libdir}/${RK_HOSTDEPS_SUBDIR}")
+  string(APPEND RK_PC_LIBS " -L${_rk_dir} -Wl,-rpath,${_rk_dir}")
 else()
   set(RK_PC_NOTE "built against the installed libubox and libuci")
   # Real libraries outside the compiler's own search paths (a prefix given to

@@ -36,3 +36,16 @@ string(REGEX REPLACE "/$" "" RK_PC_UP "${RK_PC_UP}")
 configure_file(${PROJECT_SOURCE_DIR}/routerkit.pc.in ${PROJECT_BINARY_DIR}/routerkit.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/routerkit.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The CMake package: find_package(routerkit) gives routerkit::routerkit. Like
+# the .pc file, it finds its prefix from where it lies.
+include(CMakePackageConfigHelpers)
+set(RK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/routerkit)
+file(RELATIVE_PATH RK_CMAKE_UP "/${RK_CMAKE_DIR}" "/")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/routerkitConfig.cmake.in
+               ${PROJECT_BINARY_DIR}/routerkitConfig.cmake @ONLY)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/routerkitConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/routerkitConfig.cmake
+              ${PROJECT_BINARY_DIR}/routerkitConfigVersion.cmake
+        DESTINATION ${RK_CMAKE_DIR})

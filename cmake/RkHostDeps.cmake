@@ -29,6 +29,12 @@ endif()
 
 if(RK_USE_STANDINS)
   message(STATUS "routerkit: using the host stand-ins for libubox and libuci (hostdeps/)")
+  # Installed, they live in a directory of routerkit's own, which only its
+  # .pc and CMake files name, so that nothing else on the system takes them
+  # for the real libraries.
+  set(RK_HOSTDEPS_SUBDIR routerkit/hostdeps)
+  set(RK_HOSTDEPS_LIBDIR ${CMAKE_INSTALL_LIBDIR}/${RK_HOSTDEPS_SUBDIR})
+  set(RK_HOSTDEPS_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/${RK_HOSTDEPS_SUBDIR})
   add_subdirectory(${PROJECT_SOURCE_DIR}/hostdeps ${PROJECT_BINARY_DIR}/hostdeps)
   foreach(_rk_lib ubox uci)
     if(TARGET ${_rk_lib}_static)

@@ -6,14 +6,16 @@
 #   test        install, build and run the whole test suite; again built with
 #               AddressSanitizer and UBSan; a bounded fuzzing run; the suite
 #               cross-built for armhf, s390x and mips and run under qemu-user;
-#               then a line and branch coverage summary of src/ from the plain
-#               run
+#               then the packages (as "packages" below); then a line and
+#               branch coverage summary of src/ from the plain run
 #   cross ARCH  install, cross-build and run the suite for one target
 #               (armhf: 32-bit little-endian, s390x: 64-bit big-endian, mips:
 #               32-bit big-endian MIPS32r2 with musl, a router's own CPU)
 #   footprint   what the library costs on each target: librouterkit.so as
 #               it would ship (size, text, NEEDED) and reachd's memory after
 #               10000 rounds (bench/run-footprint.sh)
+#   packages    the Debian packages (build/deb), lintian on them, and daemons
+#               built against them unpacked; the OpenWrt recipe's check
 #
 # Build trees go to build/ in the checkout. Tests that need the system's
 # fixed paths run in private namespaces and need root.
@@ -265,6 +267,62 @@ configure_build() { # dir, extra cmake args...
 }
 
 passed=0 failed=0 skipped=0 failed_names=() timings=()
+# One step of the test command that counts as one test in the summary.
+step() { # name, command...
+  local name=$1 t0=$(date +%s) rc=0
+  shift
+  "$@" || rc=$?
+  timings+=("$name: $(( $(date +%s) - t0 )) s")
+  if [ $rc -eq 0 ]; then
+    passed=$((passed + 1)); echo "== $name: passed"
+  else
+    failed=$((failed + 1)); failed_names+=("$name"); echo "== $name: FAILED"
+  fi
+}
+
+package_tools=(debhelper lintian)
+# The Debian packages, built by dpkg-buildpackage in build/deb/src from the
+# checkout's tracked files (local changes included, build trees not); they
+# land in build/deb. The tests that need namespaces run in the suite, not
+# there (nocheck).
+build_debs() {
+  local deb=$root/build/deb rev
+  rm -rf "$deb" && mkdir -p "$deb/src" || return 1
+  rev=$(git -C "$root" stash create) && git -C "$root" archive "${rev:-HEAD}" | tar -x -C "$deb/src" || return 1
+  (cd "$deb/src" && DEB_BUILD_OPTIONS="nocheck parallel=$jobs" dpkg-buildpackage -us -uc -b -Pnocheck) \
+    > "$deb/build.log" 2>&1 || { tail -n 40 "$deb/build.log"; return 1; }
+  (cd "$deb" && stat -c '%8s  %n' *.deb)
+}
+# lintian on them: no error and no warning (overrides say why).
+run_lintian() {
+  local log=$root/build/deb/lintian.log rc=0
+  lintian --fail-on error,warning --info --show-overrides "$root"/build/deb/*.changes > "$log" 2>&1 || rc=$?
+  grep -v 'running with root privileges' "$log" || echo "lintian: no tags"
+  return $rc
+}
+# packaging/openwrt/routerkit/Makefile, as far as it can be checked without
+# the router's SDK: for the mips target, with the stand-ins of the mips cross
+# build in place of the real libubox and libuci (tests/package/check-openwrt.sh).
+openwrt_check() {
+  local deps
+  deps=$(mips_deps) || return 1
+  if [ ! -f build/mips/build.ninja ]; then
+    configure build/mips -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-mips.cmake" \
+      -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON "$deps" > /dev/null || return 1
+  fi
+  cmake --build build/mips -j "$jobs" --target ubox uci > /dev/null || return 1
+  RK_JOBS=$jobs tests/package/check-openwrt.sh "$root" build/openwrt build/mips-deps build/mips
+}
+packages() {
+  echo "== Debian packages (build/deb)"
+  step "debian packages" build_debs
+  echo "== lintian"
+  step "lintian" run_lintian
+  echo "== the packages unpacked: a daemon with pkg-config and with CMake, rkctl status"
+  step "unpacked packages" tests/package/check-debs.sh build/deb "$root"
+  echo "== the OpenWrt recipe"
+  step "openwrt recipe" openwrt_check
+}
 run_ctest() { # dir, label
   local dir=$1 label=$2 log out total nfail nskip
   log="$dir/ctest.log"
@@ -328,6 +386,9 @@ case "$mode" in
       run_cross "$arch"
     done
 
+    install_packages "${package_tools[@]}" $(cross_packages mips)
+    packages
+
     if [ -x tests/fuzz/run-fuzz.sh ]; then
       echo "== fuzzing (bounded)"
       CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -352,6 +413,11 @@ case "$mode" in
     run_cross "$arch"
     summary
     ;;
+  packages)
+    install_packages "${package_tools[@]}" $(cross_packages mips)
+    packages
+    summary
+    ;;
   footprint)
     install_packages
     footprint native
@@ -361,7 +427,7 @@ case "$mode" in
     done
     ;;
   *)
-    echo "usage: $0 main|test|cross armhf|s390x|mips|footprint" >&2
+    echo "usage: $0 main|test|cross armhf|s390x|mips|footprint|packages" >&2
     exit 2
     ;;
 esac

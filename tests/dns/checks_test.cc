@@ -268,6 +268,14 @@ TEST_F(DnsChecks, SettingsBoundsAndUserData) {
 
 uint64_t fakeNow = 0;
 uint64_t FakeClock() { return fakeNow; }
+// Heap bytes in use; musl keeps no such count, so there the bound is not held.
+size_t HeapInUse() {
+#ifdef __GLIBC__
+  return mallinfo2().uordblks;
+#else
+  return 0;
+#endif
+}
 
 TEST(DnsCacheLimits, AHundredThousandNamesThroughAThousandAndATtlCap) {
   DnsCache *cache = DnsCacheCreate();
@@ -281,10 +289,10 @@ TEST(DnsCacheLimits, AHundredThousandNamesThroughAThousandAndATtlCap) {
   for (int i = 0; i < 100000; ++i) {
     DnsCache_Put(cache, nameOf(i), &a, 3600);
     if (i % 500 == 0) DnsCache_Get(cache, nameOf(0), out, 1);  // name 0 stays in use
-    if (i == 1999) warm = mallinfo2().uordblks;
+    if (i == 1999) warm = HeapInUse();
   }
   EXPECT_EQ(cache->tree.count, 1000);
-  EXPECT_LE(mallinfo2().uordblks, warm + 4096);
+  EXPECT_LE(HeapInUse(), warm + 4096);
   // The least recently used went first: name 0 was read, 99000 is the 1001st newest.
   EXPECT_EQ(DnsCache_Get(cache, nameOf(0), out, 1) + DnsCache_Get(cache, nameOf(99000), out, 1), -1);
 

@@ -227,8 +227,8 @@ run_cross() { # arch
   local arch=$1 dir=build/$1 t0 lua
   if [ "$arch" = mips ]; then lua=$(mips_deps); else lua=$(cross_lua "$arch"); fi
   t0=$(date +%s)
-  configure_build "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$arch.cmake" \
-    -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON $lua
+  try_build "$arch" "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-$arch.cmake" \
+    -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_HOSTDEPS=ON $lua || return 0
   local built=$(( $(date +%s) - t0 ))
   echo "== $arch: built in $built s"
   t0=$(date +%s)
@@ -262,8 +262,15 @@ configure() { # dir, extra cmake args...
   cmake -S "$root" -B "$dir" -G Ninja -DROUTERKIT_WERROR=ON "$@"
 }
 configure_build() { # dir, extra cmake args...
-  configure "$@"
-  cmake --build "$1" -j "$jobs"
+  configure "$@" && cmake --build "$1" -j "$jobs"
+}
+# A step whose build fails counts as one failure, and the run goes on to the
+# summary.
+try_build() { # label, dir, extra cmake args...
+  local label=$1; shift
+  configure_build "$@" && return 0
+  failed=$((failed + 1)); failed_names+=("$label: build"); echo "== $label: BUILD FAILED"
+  return 1
 }
 
 passed=0 failed=0 skipped=0 failed_names=() timings=()
@@ -368,16 +375,17 @@ case "$mode" in
     install_packages
     echo "== plain build (with coverage counters)"
     t0=$(date +%s)
-    configure_build build/cov -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_COVERAGE=ON -DROUTERKIT_BUILD_BENCH=ON
-    find build/cov -name '*.gcda' -delete
-    run_ctest build/cov "plain"
+    if try_build plain build/cov -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_COVERAGE=ON -DROUTERKIT_BUILD_BENCH=ON; then
+      find build/cov -name '*.gcda' -delete
+      run_ctest build/cov "plain"
+    fi
     timings+=("plain: built and ran in $(( $(date +%s) - t0 )) s")
 
     echo "== AddressSanitizer + UBSan build"
     t0=$(date +%s)
-    configure_build build/asan -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_SANITIZE=address,undefined
-    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-      run_ctest build/asan "asan+ubsan"
+    try_build asan+ubsan build/asan -DCMAKE_BUILD_TYPE=Debug -DROUTERKIT_SANITIZE=address,undefined &&
+      ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        run_ctest build/asan "asan+ubsan"
     timings+=("asan+ubsan: built and ran in $(( $(date +%s) - t0 )) s")
 
     for arch in "${cross_arches[@]}"; do
@@ -391,10 +399,10 @@ case "$mode" in
 
     if [ -x tests/fuzz/run-fuzz.sh ]; then
       echo "== fuzzing (bounded)"
-      CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DROUTERKIT_BUILD_FUZZ=ON -DROUTERKIT_BUILD_TESTS=ON
-      cmake --build build/fuzz -j "$jobs" --target dns_datagram_fuzzer blob_reader_fuzzer json_roundtrip_fuzzer
-      if tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-40}"; then
+      if CC=clang CXX=clang++ configure build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+           -DROUTERKIT_BUILD_FUZZ=ON -DROUTERKIT_BUILD_TESTS=ON &&
+         cmake --build build/fuzz -j "$jobs" --target dns_datagram_fuzzer blob_reader_fuzzer json_roundtrip_fuzzer &&
+         tests/fuzz/run-fuzz.sh build/fuzz "${RK_FUZZ_SECONDS:-40}"; then
         passed=$((passed + 1)); echo "== fuzzing: no crash, no leak"
       else
         failed=$((failed + 1)); failed_names+=("fuzzing"); echo "== fuzzing: FAILED"

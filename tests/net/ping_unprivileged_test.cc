@@ -51,9 +51,9 @@ double Median(std::vector<double> v) {
 bool Groups(const std::string &r) { return !system(("sysctl -qw net.ipv4.ping_group_range='" + r + "'").c_str()); }
 bool Peer() {  // 10.9.0.2 and fd09::2 one veth hop away, their neighbour entries made
   return !system("set -e; ip netns add peer; ip link add rk0 type veth peer name rk1 netns peer\n"
-            "ip addr add 10.9.0.1/24 dev rk0; ip addr add fd09::1/64 dev rk0 nodad; ip link set rk0 up\n"
-            "ip -n peer addr add 10.9.0.2/24 dev rk1; ip -n peer addr add fd09::2/64 dev rk1 nodad\n"
-            "ip -n peer link set rk1 up; ping -c1 -W3 -q fd09::2 >/dev/null; ping -c1 -W3 -q 10.9.0.2 >/dev/null");
+                 "ip addr add 10.9.0.1/24 dev rk0; ip addr add fd09::1/64 dev rk0 nodad; ip link set rk0 up\n"
+                 "ip -n peer addr add 10.9.0.2/24 dev rk1; ip -n peer addr add fd09::2/64 dev rk1 nodad\n"
+                 "ip -n peer link set rk1 up; ping -c1 -W3 -q fd09::2 >/dev/null; ping -c1 -W3 -q 10.9.0.2 >/dev/null");
 }
 
 TEST(PingUnprivileged, AsAUserOfAnAllowedGroupAndRefusedOtherwise) {

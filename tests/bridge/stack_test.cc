@@ -4,8 +4,11 @@
 // touched; an optimised build without sanitizers keeps it within 64 KiB.
 // Also: conversions whose work stack cannot grow, and blob attributes that
 // run one byte past their buffer.
+#include <errno.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,12 +24,13 @@
 #include <routerkit/data_bridge.h>
 #include <routerkit/uci_access.h>
 
-// The work stacks grow with reallocarray, which this program links wrapped.
-extern "C" void *__real_reallocarray(void *ptr, size_t n, size_t size);
-extern "C" void *__wrap_reallocarray(void *ptr, size_t n, size_t size);
+// The work stacks grow with reallocarray, which this program defines for
+// itself (a static link takes it before the C library's): it fails while
+// failGrowth is set.
 static bool failGrowth = false;
-extern "C" void *__wrap_reallocarray(void *ptr, size_t n, size_t size) {
-  return failGrowth ? nullptr : __real_reallocarray(ptr, n, size);
+extern "C" void *reallocarray(void *ptr, size_t n, size_t size) {
+  if (failGrowth || (size && n > SIZE_MAX / size)) return errno = ENOMEM, nullptr;
+  return realloc(ptr, n * size);
 }
 
 namespace {

@@ -6,8 +6,14 @@
 //     cjson.decode;
 //   - json_to_blob and blob_to_json against json-c's own serialise and parse
 //     of the same document, and, when built against the real libubox, against
-//     its blobmsg_add_object and blobmsg_format_json + json_tokener_parse.
+//     its blobmsg_add_object and blobmsg_format_json + json_tokener_parse;
+//   - lua_to_json_limited and lua_to_blob_limited refusing the sparse array
+//     {[2147483647] = true} against cjson.encode refusing it, with the heap
+//     bytes each asks for.
 #include <routerkit/data_bridge.h>
+#include <routerkit/log.h>
+
+#include <stdlib.h>
 
 #include <string>
 
@@ -19,6 +25,21 @@
 #ifdef RK_HAVE_BLOBMSG_JSON
 extern "C" {
 #include <libubox/blobmsg_json.h>
+}
+#endif
+
+// Heap bytes asked for by anything in the process: this program's malloc
+// family stands in for the C library's (not under a sanitizer, which brings
+// its own).
+static size_t heapBytes = 0;
+#ifndef __SANITIZE_ADDRESS__
+extern "C" {
+void *__libc_malloc(size_t n);
+void *__libc_calloc(size_t n, size_t size);
+void *__libc_realloc(void *p, size_t n);
+void *malloc(size_t n) noexcept { return heapBytes += n, __libc_malloc(n); }
+void *calloc(size_t n, size_t size) noexcept { return heapBytes += n * size, __libc_calloc(n, size); }
+void *realloc(void *p, size_t n) noexcept { return heapBytes += n, __libc_realloc(p, n); }
 }
 #endif
 
@@ -202,8 +223,57 @@ BENCHMARK(BM_UboxAddObject)->DenseRange(0, 2);
 BENCHMARK(BM_UboxFormatAndParse)->DenseRange(0, 2);
 #endif
 
+// The bomb at 1 and cjson.encode at 2. The refusal's log line is held back
+// by the level: it costs what any line costs.
+struct Bomb {
+  lua_State *L = luaL_newstate();
+  Bomb() {
+    luaL_openlibs(L);
+    if (luaL_dostring(L, "return {[2147483647] = true}, require('cjson').encode") != 0) abort();
+    log_setLevel(1);
+  }
+  ~Bomb() {
+    lua_close(L);
+    log_setLevel(4);
+  }
+};
+
+void perIteration(benchmark::State &state, size_t bytes) {
+  state.counters["heap_bytes"] = benchmark::Counter(static_cast<double>(bytes), benchmark::Counter::kAvgIterations);
+}
+
+void BM_SparseBombLimited(benchmark::State &state) {
+  Bomb b;
+  blob_buf buf{};
+  blob_buf_init(&buf, 0);
+  const size_t before = heapBytes;
+  for (auto _ : state) {
+    if (state.range(0))
+      lua_to_blob_limited(b.L, 1, &buf, nullptr);
+    else
+      benchmark::DoNotOptimize(lua_to_json_limited(b.L, 1, nullptr));
+  }
+  perIteration(state, heapBytes - before);
+  blob_buf_free(&buf);
+  state.SetLabel(state.range(0) ? "lua_to_blob_limited" : "lua_to_json_limited");
+}
+
+void BM_SparseBombCjson(benchmark::State &state) {
+  Bomb b;
+  const size_t before = heapBytes;
+  for (auto _ : state) {
+    lua_pushvalue(b.L, 2);
+    lua_pushvalue(b.L, 1);
+    if (lua_pcall(b.L, 1, 1, 0) == 0) abort();  // "excessively sparse array"
+    lua_settop(b.L, 2);
+  }
+  perIteration(state, heapBytes - before);
+}
+
 }  // namespace
 
+BENCHMARK(BM_SparseBombLimited)->DenseRange(0, 1);
+BENCHMARK(BM_SparseBombCjson);
 BENCHMARK(BM_LuaToJsonText)->DenseRange(0, 2);
 BENCHMARK(BM_CjsonEncode)->DenseRange(0, 2);
 BENCHMARK(BM_JsonTextToLua)->DenseRange(0, 2);

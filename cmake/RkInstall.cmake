@@ -8,7 +8,11 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/routerkit
 set(RK_PC_LIBS "-lrouterkit")
 set(RK_PC_CFLAGS "")
 if(RK_USE_STANDINS)
-  set(RK_PC_NOTE "host stand-ins for libubox and libuci are installed in this prefix")
+  set(RK_PC_NOTE "with the host stand-ins for libubox and libuci")
+  # A daemon finds them where the library does, and only through this file.
+  string(APPEND RK_PC_CFLAGS " -I\${includedir}/${RK_HOSTDEPS_SUBDIR}")
+  set(_rk_dir "\${libdir}/${RK_HOSTDEPS_SUBDIR}")
+  string(APPEND RK_PC_LIBS " -L${_rk_dir} -Wl,-rpath,${_rk_dir}")
 else()
   set(RK_PC_NOTE "built against the installed libubox and libuci")
   # Real libraries outside the compiler's own search paths (a prefix given to
@@ -32,3 +36,16 @@ string(REGEX REPLACE "/$" "" RK_PC_UP "${RK_PC_UP}")
 configure_file(${PROJECT_SOURCE_DIR}/routerkit.pc.in ${PROJECT_BINARY_DIR}/routerkit.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/routerkit.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The CMake package: find_package(routerkit) gives routerkit::routerkit. Like
+# the .pc file, it finds its prefix from where it lies.
+include(CMakePackageConfigHelpers)
+set(RK_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/routerkit)
+file(RELATIVE_PATH RK_CMAKE_UP "/${RK_CMAKE_DIR}" "/")
+configure_file(${PROJECT_SOURCE_DIR}/cmake/routerkitConfig.cmake.in
+               ${PROJECT_BINARY_DIR}/routerkitConfig.cmake @ONLY)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/routerkitConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/routerkitConfig.cmake
+              ${PROJECT_BINARY_DIR}/routerkitConfigVersion.cmake
+        DESTINATION ${RK_CMAKE_DIR})

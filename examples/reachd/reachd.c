@@ -1,7 +1,7 @@
 /*
  * reachd: a small reachability daemon built on routerkit, to copy from.
  *
- *   reachd [-c PACKAGE] [-1]
+ *   reachd [-c PACKAGE] [-1 | -n ROUNDS]
  *
  * Reads its settings and targets from the UCI package PACKAGE (default
  * "reachd"), then, each round, on one uloop:
@@ -18,7 +18,10 @@
  *      results.
  * The ping client has no timer: the rounds' deadlines are the daemon's own
  * uloop_timeouts. With -1 (or option period 0) it runs one round and exits:
- * 0 when every target answered, 1 otherwise.
+ * 0 when every target answered, 1 otherwise. With -n ROUNDS it runs that
+ * many rounds back to back, without the period between them, and exits 0
+ * (a soak run: bench/run-footprint.sh and bench/run-longrun.sh measure its
+ * memory so).
  *
  * The package (see reachd.config):
  *   config reachd 'main'
@@ -77,6 +80,7 @@ struct reachd {
   uint32_t sends_done;
   uint16_t first_seq;                  /* the ping client's first sequence number of the round */
   unsigned char answered[65536 / 8];   /* a bit per sequence number: replied to */
+  unsigned long rounds, rounds_done; /* -n; 0: no end */
   struct uloop_timeout resolve_deadline, send_timer, round_end, next_round;
   int once, failed;
 };
@@ -195,7 +199,9 @@ static void on_reply(AsyncPingContext *ctx, const char *address, uint16_t seq, u
   self->answered[seq / 8] |= bit;
   for (i = 0; i < self->ntargets; i++) {
     struct target *t = &self->targets[i];
-    if (strcmp(t->address, address) != 0) continue;
+    /* Targets may share an address (a name and its address both listed):
+     * the reply goes to one that still waits for it. */
+    if (strcmp(t->address, address) != 0 || t->received >= t->sent) continue;
     t->received++;
     t->rtt_sum += us;
     break;
@@ -257,10 +263,10 @@ static void end_round(struct uloop_timeout *timer) {
   json_object_object_add(round, "targets", list);
   if (d.hook) luaHelperCall(d.hook, "on_round", round);
   json_object_put(round);
-  if (d.once)
+  if (d.once || (d.rounds && ++d.rounds_done == d.rounds))
     uloop_end();
   else
-    uloop_timeout_set(&d.next_round, (int)(d.period * 1000));
+    uloop_timeout_set(&d.next_round, d.rounds ? 0 : (int)(d.period * 1000));
 }
 
 static void send_round(struct uloop_timeout *timer) {
@@ -300,8 +306,10 @@ static void start_round(struct uloop_timeout *timer) {
       names++;
     }
   }
-  /* Names get until the timeout to resolve (or fail); pings go out then. */
+  /* Names get until the timeout to resolve (or fail); pings go out then, or
+   * at once when the cache answered every name inside asyncLookup. */
   uloop_timeout_set(&d.resolve_deadline, names ? (int)d.timeout + BACKSTOP_MS : 0);
+  if (names) check_names(&d);
 }
 
 int main(int argc, char **argv) {
@@ -312,8 +320,10 @@ int main(int argc, char **argv) {
       d.once = 1;
     else if (strcmp(argv[i], "-c") == 0 && i + 1 < argc)
       d.package = argv[++i];
+    else if (strcmp(argv[i], "-n") == 0 && i + 1 < argc)
+      d.rounds = strtoul(argv[++i], NULL, 10);
     else {
-      fprintf(stderr, "usage: reachd [-c PACKAGE] [-1]\n");
+      fprintf(stderr, "usage: reachd [-c PACKAGE] [-1 | -n ROUNDS]\n");
       return 2;
     }
   }

@@ -187,10 +187,11 @@ json_object *releaseOpen(ReadStack &stack) noexcept {
 
 // Fills the container opened on the empty stack, whose children lie
 // `depth` + 1 levels down, and returns it with its height; NULL, with
-// everything released, when memory ran out. Children are read in
-// the order of the recursion this replaces, those of one container in a
-// loop of their own until one is a container.
-json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexcept {
+// everything released, when memory ran out or `bounds` (if any, with the
+// container at level 1) refused a child. Children are read in the order of
+// the recursion this replaces, those of one container in a loop of their own
+// until one is a container.
+json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height, Bounds *bounds) noexcept {
   for (;;) {
     ReadFrame &f = stack.top();
     json_object *node = f.node;
@@ -204,6 +205,7 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
     while (rem >= kIdLenSize) {
       const uint32_t pad = paddedLen(p);
       if (pad < kIdLenSize || pad > rem) break;
+      if (bounds && !bounds->count(1)) return releaseOpen(stack);
       const uint8_t *child = p;
       p += pad;
       rem -= pad;
@@ -217,6 +219,7 @@ json_object *readTree(ReadStack &stack, uint32_t depth, uint32_t *height) noexce
           value = scalarOf(a.type, a.data, a.size, &noMemory);
           if (noMemory) return releaseOpen(stack);
         } else if (childDepth <= RK_BLOB_MAX_DEPTH) {
+          if (bounds && !bounds->open(stack.depth() + 1)) return releaseOpen(stack);
           f.p = p;
           f.rem = rem;
           f.key = key;
@@ -260,19 +263,19 @@ json_object *blobToJson(const blob_attr *attr) noexcept {
   ReadStack stack;
   json_object *value = nullptr;
   uint32_t height;
-  if (openContainer(stack, a, &value)) value = readTree(stack, kOuterLevel, &height);
+  if (openContainer(stack, a, &value)) value = readTree(stack, kOuterLevel, &height, nullptr);
   stack.release();
   return value;
 }
 
-void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len) noexcept {
+void blobToLua(lua_State *L, const blob_attr *attr, uint32_t len, Bounds *bounds) noexcept {
   ReadStack stack;
   json_object *object = nullptr;
   uint32_t height = 0;
   // The run is read as the children of a table above the outer level.
   const Payload run{BLOBMSG_TYPE_TABLE, reinterpret_cast<const uint8_t *>(attr), len};
   if (attr && len && openContainer(stack, run, &object))
-    object = readTree(stack, kOuterLevel - 1, &height);
+    object = readTree(stack, kOuterLevel - 1, &height, bounds);
   jsonToLua(L, object);
   releaseAt(stack, 0, object, height);
   stack.release();
@@ -290,6 +293,13 @@ json_object *blob_to_json(blob_attr *attr) {
 int blob_to_lua(lua_State *L, blob_attr *attr, uint32_t len) {
   if (!L) return -1;
   rk::bridge::blobToLua(L, attr, len);
+  return 0;
+}
+
+int blob_to_lua_limited(lua_State *L, blob_attr *attr, uint32_t len, const RkConvertLimits *limits) {
+  if (!L) return -1;
+  rk::bridge::Bounds bounds(limits, __func__);
+  rk::bridge::blobToLua(L, attr, len, &bounds);
   return 0;
 }
 

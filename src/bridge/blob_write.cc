@@ -82,7 +82,8 @@ struct BlobConversion {
   VisitedTableSet *set = nullptr;
   blob_buf *buf = nullptr;
   WorkStack<LuaBlobFrame> stack;
-  bool failed = false;  // memory ran out: the work stack or the buffer could not grow
+  Bounds *bounds = nullptr;  // none for the plain conversion
+  bool failed = false;       // no memory (work stack or buffer), or the bounds refused
 };
 static_assert(std::is_trivially_destructible_v<BlobConversion>,
               "a Lua error may jump over the frame that holds it");
@@ -111,11 +112,16 @@ bool scalarToBlob(lua_State *L, int index, int type, const char *name, blob_buf 
 
 // Opens the table at the absolute `index` on the work stack, with its nest
 // opened under `name` and the Lua stack made ready for its walk; false when
-// it writes nothing: met before, no room on the Lua stack, or no memory
-// (conv->failed then).
+// it writes nothing: met before, no room on the Lua stack, no memory or a
+// refusal of the bounds (conv->failed then).
 bool openTable(lua_State *L, int index, BlobConversion *conv, const char *name) {
   if (visited_table_check(&conv->set, lua_topointer(L, index))) return false;
-  int32_t n = lua_table_array_length(L, index);
+  uint32_t keys;
+  int32_t n = lua_table_array_length(L, index, &keys);
+  if (conv->bounds && !conv->bounds->table(conv->stack.depth() + 1, &n, keys)) {
+    conv->failed = true;
+    return false;
+  }
   if (!lua_checkstack(L, n >= 0 ? kArrayWalkSlots : kObjectWalkSlots)) return false;
   // Without a name an object's members land at the level the writer stands on.
   void *nest = nullptr;
@@ -173,6 +179,10 @@ bool walkArray(lua_State *L, BlobConversion *conv) {
 bool walkObject(lua_State *L, BlobConversion *conv) {
   const int table = conv->stack.top().index;
   while (lua_next(L, table)) {
+    if (conv->bounds && !conv->bounds->count(1)) {
+      conv->failed = true;
+      return false;
+    }
     lua_pushvalue(L, -2);
     const char *key = lua_tolstring(L, -1, nullptr);
     if (key) {
@@ -329,12 +339,13 @@ bool json_to_blob_value(WorkStack<JsonBlobFrame> &stack, blob_buf *buf) noexcept
 
 }  // namespace
 
-void luaToBlob(lua_State *L, int index, blob_buf *buf) noexcept {
+void luaToBlob(lua_State *L, int index, blob_buf *buf, Bounds *bounds) noexcept {
   // Not brace-initialised: that would clear the inline frames.
   BlobConversion conv;
   conv.set = visited_table_create();
   if (!conv.set) return;
   conv.buf = buf;
+  conv.bounds = bounds;
   const BlobMark mark = markOf(buf);
   const int ran = runProtected(L, index, toBlobBody, &conv, 0);
   if (ran == 0 || (ran == 1 && conv.failed)) rollBack(buf, mark);
@@ -369,6 +380,14 @@ int lua_to_blob(lua_State *L, int index, blob_buf *buf) {
   if (!L || !buf || !buf->head) return 0;
   index = rk::bridge::stackIndex(L, index);
   if (index) rk::bridge::luaToBlob(L, index, buf);
+  return 0;
+}
+
+int lua_to_blob_limited(lua_State *L, int index, blob_buf *buf, const RkConvertLimits *limits) {
+  if (!L || !buf || !buf->head) return 0;
+  index = rk::bridge::stackIndex(L, index);
+  rk::bridge::Bounds bounds(limits, __func__);
+  if (index) rk::bridge::luaToBlob(L, index, buf, &bounds);
   return 0;
 }
 

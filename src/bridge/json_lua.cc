@@ -28,7 +28,8 @@ struct LuaFrame {
 struct LuaConversion {
   json_object *obj = nullptr;
   WorkStack<LuaFrame> stack;
-  bool failed = false;  // the work stack could not grow
+  Bounds *bounds = nullptr;  // none for the plain conversion
+  bool failed = false;       // the work stack could not grow, or the bounds refused
 };
 static_assert(std::is_trivially_destructible_v<LuaConversion>,
               "a Lua error may jump over the frame that holds it");
@@ -65,8 +66,16 @@ void pushScalar(lua_State *L, json_object *obj, json_type type) {
 // Pushes the table of the container `obj` and opens it on the work stack;
 // false when it pushed nil instead (the parent kept a slot for it) because
 // the Lua stack has no room for another level, or pushed nothing because
-// the work stack could not grow (conv->failed).
+// the work stack could not grow or the bounds refused it (conv->failed).
 bool openContainer(lua_State *L, json_object *obj, json_type type, LuaConversion *conv) {
+  if (conv->bounds) {
+    const uint64_t n = type == json_type_array ? json_object_array_length(obj)
+                                               : static_cast<uint64_t>(json_object_object_length(obj));
+    if (!conv->bounds->open(conv->stack.depth() + 1) || !conv->bounds->count(n)) {
+      conv->failed = true;
+      return false;
+    }
+  }
   if (!lua_checkstack(L, kLevelSlots)) {
     lua_pushnil(L);
     return false;
@@ -140,7 +149,10 @@ void pushJson(lua_State *L, LuaConversion *conv) {
     pushScalar(L, conv->obj, type);
     return;
   }
-  if (!openContainer(L, conv->obj, type, conv)) return;
+  if (!openContainer(L, conv->obj, type, conv)) {
+    if (conv->failed) lua_pushnil(L);  // the one value the caller takes back
+    return;
+  }
   for (;;) {
     if (conv->stack.top().elements ? walkArray(L, conv) : walkObject(L, conv)) continue;
     if (conv->failed) return;
@@ -159,10 +171,11 @@ void pushJsonBody(lua_State *L, void *ud) { pushJson(L, static_cast<LuaConversio
 
 }  // namespace
 
-void jsonToLua(lua_State *L, json_object *obj) noexcept {
+void jsonToLua(lua_State *L, json_object *obj, Bounds *bounds) noexcept {
   // Not brace-initialised: that would clear the inline frames.
   LuaConversion conv;
   conv.obj = obj;
+  conv.bounds = bounds;
   // A Lua error (out of memory) inside, or a work stack that could not grow,
   // still leaves one value: nil.
   const int ran = runProtected(L, 0, pushJsonBody, &conv, 1);
@@ -178,6 +191,12 @@ extern "C" {
 void json_to_lua(lua_State *L, json_object *obj) {
   if (!L) return;
   rk::bridge::jsonToLua(L, obj);
+}
+
+void json_to_lua_limited(lua_State *L, json_object *obj, const RkConvertLimits *limits) {
+  if (!L) return;
+  rk::bridge::Bounds bounds(limits, __func__);
+  rk::bridge::jsonToLua(L, obj, &bounds);
 }
 
 }  // extern "C"

@@ -31,7 +31,8 @@ struct JsonFrame {
 struct JsonConversion {
   VisitedTableSet *set = nullptr;
   WorkStack<JsonFrame> stack;
-  bool failed = false;  // memory ran out: for the work stack, the set or json-c
+  Bounds *bounds = nullptr;  // none for the plain conversion
+  bool failed = false;       // no memory (work stack, set or json-c), or the bounds refused
   json_object *result = nullptr;
 };
 static_assert(std::is_trivially_destructible_v<JsonConversion>,
@@ -79,13 +80,19 @@ json_object *scalarToJson(lua_State *L, int index, int type, JsonConversion *con
 
 // Opens the table at the absolute `index` on the work stack, with the Lua
 // stack made ready for its walk; false when its value is NULL: met before,
-// no room on the Lua stack, or no memory (conv->failed then).
+// no room on the Lua stack, or no memory or a refusal of the bounds
+// (conv->failed then).
 bool openTable(lua_State *L, int index, JsonConversion *conv) {
   if (visited_table_check(&conv->set, lua_topointer(L, index))) {
     conv->failed = !conv->set;
     return false;
   }
-  int32_t n = lua_table_array_length(L, index);
+  uint32_t keys;
+  int32_t n = lua_table_array_length(L, index, &keys);
+  if (conv->bounds && !conv->bounds->table(conv->stack.depth() + 1, &n, keys)) {
+    conv->failed = true;
+    return false;
+  }
   json_object *container = n >= 0 ? json_object_new_array() : json_object_new_object();
   if (!container) {
     conv->failed = true;
@@ -185,6 +192,10 @@ bool walkObject(lua_State *L, JsonConversion *conv) {
   const uint32_t tallest = f.height;
   bool numberMet = f.numberMet;
   while (lua_next(L, table)) {
+    if (conv->bounds && !conv->bounds->count(1)) {
+      conv->failed = true;
+      return false;
+    }
     const bool number = lua_type(L, -2) == LUA_TNUMBER;
     // Only a copy of the key may be turned into text: lua_next needs the
     // key itself unchanged.
@@ -241,14 +252,15 @@ void toJsonBody(lua_State *L, void *ud) {
 
 }  // namespace
 
-json_object *luaToJson(lua_State *L, int index) noexcept {
+json_object *luaToJson(lua_State *L, int index, Bounds *bounds) noexcept {
   JsonConversion conv;
   conv.set = visited_table_create();
   if (!conv.set) return nullptr;
+  conv.bounds = bounds;
   if (runProtected(L, index, toJsonBody, &conv, 0) != 1 || conv.failed) {
-    // A Lua error or memory running out left these half filled; they hold
-    // everything built so far. Each is released with the frames from its own
-    // level up, which held its tree while it was built.
+    // A Lua error, memory running out or a refusal left these half filled;
+    // they hold everything built so far. Each is released with the frames
+    // from its own level up, which held its tree while it was built.
     for (uint32_t i = conv.stack.depth(); i-- > 0;) {
       uint32_t count;
       JsonFrame *spare = conv.stack.spareFrom(i, &count);
@@ -270,6 +282,14 @@ json_object *lua_to_json(lua_State *L, int index) {
   index = rk::bridge::stackIndex(L, index);
   if (!index) return nullptr;
   return rk::bridge::luaToJson(L, index);
+}
+
+json_object *lua_to_json_limited(lua_State *L, int index, const RkConvertLimits *limits) {
+  if (!L) return nullptr;
+  index = rk::bridge::stackIndex(L, index);
+  if (!index) return nullptr;
+  rk::bridge::Bounds bounds(limits, __func__);
+  return rk::bridge::luaToJson(L, index, &bounds);
 }
 
 }  // extern "C"

@@ -50,9 +50,10 @@ int stackIndex(lua_State *L, int index) noexcept {
 
 // Not noexcept: a conversion's body calls it under runProtected (see
 // docs/internals.md, "Lua: errors are jumps").
-int32_t lua_table_array_length(lua_State *L, int index) {
+int32_t lua_table_array_length(lua_State *L, int index, uint32_t *keys) {
   if (!lua_checkstack(L, kKeyValueSlots)) return -1;
   int32_t largest = 0;
+  uint32_t count = 0;
   lua_pushnil(L);
   while (lua_next(L, index)) {
     if (lua_type(L, -2) != LUA_TNUMBER) {
@@ -68,8 +69,10 @@ int32_t lua_table_array_length(lua_State *L, int index) {
       return -1;
     }
     if (k > largest) largest = k;
+    count++;
     lua_settop(L, -2);
   }
+  if (keys) *keys = count;
   return largest;
 }
 

@@ -30,8 +30,9 @@ int visited_table_check(VisitedTableSet **set, const void *table) noexcept;
 // none (0, beyond the top, a pseudo-index).
 int stackIndex(lua_State *L, int index) noexcept;
 // The largest key of the table at the absolute `index` when every key is a
-// whole number from 1 up (0 for an empty table), else -1. Stack unchanged.
-int32_t lua_table_array_length(lua_State *L, int index);
+// whole number from 1 up (0 for an empty table), with the number of its
+// keys in *keys when asked; else -1. Stack unchanged.
+int32_t lua_table_array_length(lua_State *L, int index, uint32_t *keys = nullptr);
 // True, with the value in *out, when the number `n` at `index` is a 32-bit
 // integer exactly.
 bool luaNumberInt32(lua_State *L, int index, lua_Number n, int32_t *out) noexcept;

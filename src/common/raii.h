@@ -3,7 +3,6 @@
 #pragma once
 
 #include <dirent.h>
-#include <ifaddrs.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -23,11 +22,6 @@ struct DirDeleter {
   void operator()(DIR *d) const noexcept { closedir(d); }
 };
 using DirPtr = std::unique_ptr<DIR, DirDeleter>;
-
-struct IfAddrsDeleter {
-  void operator()(struct ifaddrs *list) const noexcept { freeifaddrs(list); }
-};
-using IfAddrsPtr = std::unique_ptr<struct ifaddrs, IfAddrsDeleter>;
 
 // A descriptor that closes itself. Move-only; -1 means none.
 class UniqueFd {

@@ -53,7 +53,8 @@ constexpr int kAppendFlags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC;
 // an atomic only so that the unsynchronised reads and writes are defined
 // behaviour; relaxed access compiles to a plain load and store.
 std::atomic<uint32_t> logLevel{kInitialLevel};
-char logName[kNameSize];  // also the ident that syslog keeps pointing at
+char logName[kNameSize];  // also the ident given to openlog
+int syslogOptions = -1;   // what the set-up gave openlog; -1 before it
 std::atomic<char *> logPath{nullptr};
 
 inline bool levelAbove(uint32_t threshold) noexcept {
@@ -82,8 +83,9 @@ void setUp() noexcept {
 
   // The options follow the level of this moment; later level changes do not
   // reopen syslog.
+  syslogOptions = levelAbove(kDebugThreshold) ? LOG_PID | LOG_PERROR : LOG_PID;
   closelog();
-  openlog(logName, levelAbove(kDebugThreshold) ? LOG_PID | LOG_PERROR : LOG_PID, LOG_LOCAL0);
+  openlog(logName, syslogOptions, LOG_LOCAL0);
 
   // A failed mkdir shows up later, as the open failure of each file write.
   if (access(kLogDir, F_OK) != 0) mkdir(kLogDir, kLogDirMode);
@@ -164,7 +166,16 @@ void setLevel(uint32_t level) noexcept {
   logLevel.store(level, std::memory_order_relaxed);
 }
 
-void setName(const char *name) noexcept { strncpy(logName, name, kNameSize - 1); }
+// glibc's syslog keeps pointing at the ident it was given, musl's keeps a
+// copy made by openlog: opened again with the set-up's options, the new name
+// is the ident on both. Before the set-up (and for the empty name, which
+// asks for one) openlog is left to the set-up.
+void setName(const char *name) noexcept {
+  strncpy(logName, name, kNameSize - 1);
+  if (!isNamed() || syslogOptions < 0) return;
+  closelog();
+  openlog(logName, syslogOptions, LOG_LOCAL0);
+}
 
 __attribute__((format(printf, 1, 0))) void appendToOwnFile(const char *fmt, va_list ap) noexcept {
   ensureSetUp();

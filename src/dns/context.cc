@@ -181,7 +181,6 @@ void cleanServers(struct list_head *servers) noexcept {
     list_del(&server->list);
     free(server);
   }
-  INIT_LIST_HEAD(servers);
 }
 
 void destroyContext(AsyncDnsContext *context) noexcept {

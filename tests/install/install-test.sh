@@ -26,5 +26,5 @@ export PKG_CONFIG_PATH="$pcdir"
 libdir=$(pkg-config --variable=libdir routerkit)
 [ -f "$libdir/librouterkit.so" ] || { echo "librouterkit.so not in $libdir"; exit 1; }
 ${RK_APP_CC:-cc} -std=c99 -Wall -Wextra -Werror ${RK_APP_CFLAGS:-} -o "$prefix/app" "$src/tests/install/app.c" \
-   $(pkg-config --cflags --libs routerkit)
+   $(pkg-config --cflags --libs routerkit json-c)
 LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" ${RK_APP_RUN:-} "$prefix/app"

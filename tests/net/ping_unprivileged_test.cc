@@ -48,13 +48,12 @@ double Median(std::vector<double> v) {
   return v.empty() ? 0 : v[v.size() / 2];
 }
 
-bool Sh(const std::string &command) { return system(command.c_str()) == 0; }
-bool Groups(const std::string &range) { return Sh("sysctl -qw net.ipv4.ping_group_range='" + range + "'"); }
+bool Groups(const std::string &r) { return !system(("sysctl -qw net.ipv4.ping_group_range='" + r + "'").c_str()); }
 bool Peer() {  // 10.9.0.2 and fd09::2 one veth hop away, their neighbour entries made
-  return Sh("set -e; ip netns add peer; ip link add rk0 type veth peer name rk1 netns peer\n"
-            "ip addr add 10.9.0.1/24 dev rk0; ip addr add fd09::1/64 dev rk0 nodad; ip link set rk0 up\n"
-            "ip -n peer addr add 10.9.0.2/24 dev rk1; ip -n peer addr add fd09::2/64 dev rk1 nodad\n"
-            "ip -n peer link set rk1 up; ping -c1 -W3 -q fd09::2 >/dev/null; ping -c1 -W3 -q 10.9.0.2 >/dev/null");
+  return !system("set -e; ip netns add peer; ip link add rk0 type veth peer name rk1 netns peer\n"
+                 "ip addr add 10.9.0.1/24 dev rk0; ip addr add fd09::1/64 dev rk0 nodad; ip link set rk0 up\n"
+                 "ip -n peer addr add 10.9.0.2/24 dev rk1; ip -n peer addr add fd09::2/64 dev rk1 nodad\n"
+                 "ip -n peer link set rk1 up; ping -c1 -W3 -q fd09::2 >/dev/null; ping -c1 -W3 -q 10.9.0.2 >/dev/null");
 }
 
 TEST(PingUnprivileged, AsAUserOfAnAllowedGroupAndRefusedOtherwise) {
@@ -66,22 +65,19 @@ TEST(PingUnprivileged, AsAUserOfAnAllowedGroupAndRefusedOtherwise) {
   };
   for (const auto &row : rows) {
     ASSERT_TRUE(Groups(row.groups));
-    const int code = RunInChild([&] {
+    EXPECT_EQ(0, RunInChild([&] {
       // No capability is left after setuid: raw sockets are refused.
       if (setgroups(0, nullptr) || setgid(4242) || setuid(4242) || asyncPing_create(nullptr)) return 1;
       AsyncPingContext *c = uloop_init() ? nullptr : Make(true, "u");
-      std::string text = c ? "" : "NULL errno " + std::to_string(errno);
-      if (c) {
-        text = std::to_string(asyncPing4(c, "127.0.0.1") + asyncPing6(c, "::1") +
-                              asyncPing4(c, "10.9.0.2") + asyncPing6(c, "fd09::2")) + " ";
-        RunUntil(4, 3000), RunUntil(5, 100);
-        std::sort(replies.begin(), replies.end());
-        for (const std::string &r : replies) text += r + "|";
-      }
+      std::string text = !c ? "NULL errno " + std::to_string(errno)
+                            : std::to_string(asyncPing4(c, "127.0.0.1") + asyncPing6(c, "::1") +
+                                             asyncPing4(c, "10.9.0.2") + asyncPing6(c, "fd09::2")) + " ";
+      if (c) RunUntil(4, 3000), RunUntil(5, 100);
+      std::sort(replies.begin(), replies.end());
+      for (const std::string &r : replies) text += r + "|";
       fprintf(stderr, "%s\n", text.c_str());
       _exit(text != row.want);  // the coverage counters are not this user's to write
-    });
-    EXPECT_EQ(code, 0) << row.groups;
+    })) << row.groups;
   }
 }
 
@@ -98,16 +94,15 @@ TEST(PingUnprivileged, SideBySideEachTakesItsOwnRepliesAndTellsDuplicatesAndLate
     for (int n = 0; n < (i % 2 ? 1 : 2); n++) EXPECT_EQ(asyncPing4(c[i], "127.0.0.1"), 36);
   RunUntil(6, 2000);
   usleep(100000);
-  // The kernel's replies once more, 100 ms late: each sequence number comes a second time.
-  std::vector<std::vector<uint8_t>> seen;
-  for (uint8_t b[256]; recv(tap, b, sizeof b, MSG_DONTWAIT) == 56;) seen.emplace_back(b + 20, b + 56);
+  // The kernel's echo replies once more, 100 ms late: each sequence number comes a second time.
+  std::vector<std::vector<uint8_t>> late;
+  for (uint8_t b[256]; recv(tap, b, sizeof b, MSG_DONTWAIT) == 56;)
+    if (b[20] == 0) late.emplace_back(b + 20, b + 56);
   const sockaddr_in lo{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  for (const auto &m : seen)
-    if (m[0] == 0) sendto(tap, m.data(), m.size(), 0, reinterpret_cast<const sockaddr *>(&lo), sizeof lo);
+  for (const auto &m : late) sendto(tap, m.data(), m.size(), 0, reinterpret_cast<const sockaddr *>(&lo), sizeof lo);
   RunUntil(12, 2000), RunUntil(13, 100);
-  EXPECT_EQ(got, (std::map<std::string, std::string>{
-                     {"raw", " 0 1 0 1"}, {"raw ms", " - -"}, {"unprivileged", " 0 1 0 1"},
-                     {"unprivileged ms", " - -"}}));
+  EXPECT_EQ(got, (std::map<std::string, std::string>{{"raw", " 0 1 0 1"}, {"raw ms", " - -"},
+                                                     {"unprivileged", " 0 1 0 1"}, {"unprivileged ms", " - -"}}));
   std::sort(microseconds.begin(), microseconds.end());
   EXPECT_TRUE(microseconds.at(0) > 0 && microseconds.at(3) < 100000 && microseconds.at(4) >= 100000);
   for (AsyncPingContext *p : c) EXPECT_EQ(asyncPing_destroy(p), 0);

@@ -150,8 +150,10 @@ TEST_F(LuaHelperTest, DaemonCallsScriptByPath) {
     EXPECT_EQ(0, lua_gettop(L));
     luaL_dostring(L, "first = calls[1]");
     EXPECT_EQ(r.called ? r.called : "?", global("first"));
-    const std::string failed = "E [luaHelperCall:N]Lua handler provides no " + r.path + "() callback.";
-    EXPECT_EQ(r.result == 0 ? Strings{} : Strings{failed}, log.TakeNormalized());
+    std::string failed = "E [luaHelperCall:N]Lua handler provides no " + r.path + "() callback.";
+    const Strings logged = log.TakeNormalized();
+    if (rk::test::kSyslogCuts && !logged.empty()) failed.resize(std::min(failed.size(), logged[0].size()));
+    EXPECT_EQ(r.result == 0 ? Strings{} : Strings{failed}, logged);
   }
   json_object_put(arg);
   EXPECT_EQ(-1, luaHelperCall(h_, nullptr, nullptr));

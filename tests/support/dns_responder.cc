@@ -11,6 +11,19 @@ namespace {
 
 constexpr size_t kHeaderSize = 12;
 constexpr uint16_t kTypeA = 1, kTypeAaaa = 28;
+constexpr uint8_t kServFail = 2, kNxDomain = 3;  // RCODE, the low bits of the fourth byte
+
+// Member by member: musl pads the record on some targets.
+msghdr Message(sockaddr_in6 *peer, iovec *iov, void *control, size_t controlLength) {
+  msghdr msg{};
+  msg.msg_name = peer;
+  msg.msg_namelen = sizeof *peer;
+  msg.msg_iov = iov;
+  msg.msg_iovlen = 1;
+  msg.msg_control = control;
+  msg.msg_controllen = controlLength;
+  return msg;
+}
 
 }  // namespace
 
@@ -34,6 +47,7 @@ DnsResponder::~DnsResponder() {
     thread_.join();
   }
   if (fd_ >= 0) close(fd_);
+  if (forgeFd_ >= 0) close(forgeFd_);
 }
 
 bool DnsResponder::Next(DnsQuery *q, int ms) {
@@ -42,10 +56,13 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
   uint8_t buf[2048];
   char control[256];
   iovec iov{buf, sizeof buf};
-  msghdr msg{&q->from, sizeof q->from, &iov, 1, control, sizeof control, 0};
+  msghdr msg = Message(&q->from, &iov, control, sizeof control);
   const ssize_t n = recvmsg(fd_, &msg, 0);
   if (n < 0) return false;
   q->bytes.assign(buf, buf + n);
+  // musl's CMSG_NXTHDR compares a size with a pointer difference.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-compare"
   for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
     if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
     in6_pktinfo info;
@@ -56,6 +73,7 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
     inet_ntop(v4 ? AF_INET : AF_INET6, &info.ipi6_addr.s6_addr[v4 ? 12 : 0], text, sizeof text);
     q->to = text;
   }
+#pragma GCC diagnostic pop
   return true;
 }
 
@@ -69,7 +87,7 @@ std::vector<DnsQuery> DnsResponder::Take(size_t n) {
 bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   iovec iov{const_cast<uint8_t *>(bytes.data()), bytes.size()};
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
-  msghdr msg{const_cast<sockaddr_in6 *>(&q.from), sizeof q.from, &iov, 1, control, sizeof control, 0};
+  msghdr msg = Message(const_cast<sockaddr_in6 *>(&q.from), &iov, control, sizeof control);
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
   c->cmsg_level = IPPROTO_IPV6;
   c->cmsg_type = IPV6_PKTINFO;
@@ -80,10 +98,16 @@ bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   return sendmsg(fd_, &msg, 0) == static_cast<ssize_t>(bytes.size());
 }
 
-void DnsResponder::Serve(const char *ipv4, const char *ipv6, uint32_t ttl) {
+void DnsResponder::Serve(const char *ipv4, const char *ipv6, uint32_t ttl, bool mixed) {
   inet_pton(AF_INET, ipv4, v4_);
   inet_pton(AF_INET6, ipv6, v6_);
   SetTtl(ttl);
+  mixed_ = mixed;
+  if (mixed) {
+    forgeFd_ = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int off = 0;
+    setsockopt(forgeFd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+  }
   thread_ = std::thread([this] { ServeLoop(); });
 }
 
@@ -101,7 +125,10 @@ void DnsResponder::ServeLoop() {
     b[3] = 0x80;
     memset(&b[6], 0, 6);  // answers counted below; no other records
     const uint16_t type = q.type();
-    if (type == kTypeA || type == kTypeAaaa) {
+    const char *kind = mixed_ ? reinterpret_cast<const char *>(&b[kHeaderSize + 1]) : "";
+    if (strncmp(kind, "nx", 2) == 0 || strncmp(kind, "sf", 2) == 0) {
+      b[3] |= kind[0] == 'n' ? kNxDomain : kServFail;
+    } else if (type == kTypeA || type == kTypeAaaa) {
       const uint8_t *rdata = type == kTypeA ? v4_ : v6_;
       const uint8_t rdLength = type == kTypeA ? sizeof v4_ : sizeof v6_;
       const uint32_t ttl = ttl_.load(std::memory_order_relaxed);
@@ -111,6 +138,15 @@ void DnsResponder::ServeLoop() {
       b[7] = 1;
       b.insert(b.end(), record, record + sizeof record);
       b.insert(b.end(), rdata, rdata + rdLength);
+    }
+    if (strncmp(kind, "fg", 2) == 0) {
+      std::vector<uint8_t> forged = b;
+      forged[0] ^= 0x80;
+      Reply(q, forged);
+      forged[0] = b[0];
+      forged[kHeaderSize + 2] = 'x';
+      Reply(q, forged);
+      sendto(forgeFd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr *>(&q.from), sizeof q.from);
     }
     Reply(q, b);
   }

@@ -43,13 +43,18 @@ class DnsResponder {
 
   // From now on a thread answers every query: A with one A record of
   // `ipv4`, AAAA with one AAAA record of `ipv6` (the name a pointer to the
-  // question, TTL as set), anything else with no answer.
-  void Serve(const char *ipv4, const char *ipv6, uint32_t ttl);
+  // question, TTL as set), anything else with no answer. With `mixed`, the
+  // first two letters of the name choose: "nx" gets NXDOMAIN, "sf" SERVFAIL,
+  // "fg" three forgeries before its answer (another identifier, another
+  // question, the answer from another port).
+  void Serve(const char *ipv4, const char *ipv6, uint32_t ttl, bool mixed = false);
   void SetTtl(uint32_t seconds) { ttl_.store(seconds, std::memory_order_relaxed); }
 
  private:
   void ServeLoop();
   int fd_ = -1;
+  int forgeFd_ = -1;  // the other port of the forgeries
+  bool mixed_ = false;
   uint8_t v4_[4] = {}, v6_[16] = {};
   std::atomic<bool> stop_{false};
   std::atomic<uint32_t> ttl_{0};

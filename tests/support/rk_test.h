@@ -33,6 +33,15 @@ bool InTestNamespace();
     if (getenv("RK_EMULATED") != nullptr)                             \
       GTEST_SKIP() << "under " << getenv("RK_EMULATED") << ": " << reason; \
   } while (0)
+// What the C library's syslog keeps: musl's 31 bytes of the ident and 1024
+// bytes of a message in all (header included), glibc's everything.
+#ifdef __GLIBC__
+constexpr bool kSyslogCuts = false;
+#else
+constexpr bool kSyslogCuts = true;
+#endif
+constexpr size_t kSyslogIdentKept = kSyslogCuts ? 31 : std::string::npos;
+
 // ---- files ----
 bool WriteFile(const std::string &path, const std::string &content, int mode = 0644);
 std::string ReadFile(const std::string &path);

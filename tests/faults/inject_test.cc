@@ -23,6 +23,7 @@
 #include <lua.hpp>
 
 #include "../config/uci_testutil.h"
+#include "../dns/dns_test.h"
 #include "common/deps.h"
 #include "dns/answer.h"
 #include "dns/tracker.h"
@@ -195,30 +196,16 @@ Run On(Make make, Drop drop, Call call) {
 Run Dns(int (*call)(AsyncDnsContext *)) { return On([] { return asyncDns_create(nullptr); }, asyncDns_destroy, call); }
 Run Ping(int (*call)(AsyncPingContext *)) { return On([] { return asyncPing_create(nullptr); }, asyncPing_destroy, call); }
 
-DnsAddressEntry Address(uint8_t last) {
-  DnsAddressEntry a{};
-  a.family = AF_INET;
-  a.ipv4.s_addr = htonl(0x0a000000u | last);
-  return a;
-}
-// Names of "a" and "b" with live addresses in the cache, and how many.
-std::string Cached(DnsCache *cache) {
-  alignas(DnsResult) uint8_t room[sizeof(DnsResult) + 4 * sizeof(DnsAddressEntry)];
-  auto *r = reinterpret_cast<DnsResult *>(room);
-  std::string out;
-  for (const char *name : {"a", "b"})
-    if (DnsCache_Get(cache, name, r, 4) == 0) out += std::string(name) + "=" + Str(r->count) + " ";
-  return out;
-}
-// Puts into a cache holding "b" (limited to one name when `limit`).
-Run Put(bool limit, void (*call)(DnsCache *)) {
+// Puts "a" (and "b" again when `again`) into a cache holding "b", of one
+// name at most when `limit`: what it holds for both afterwards.
+Run Put(bool limit, bool again) {
   return [=] {
     DnsCache *c = DnsCacheCreate();
-    const DnsAddressEntry b = Address(2);
+    const DnsAddressEntry a = Entry("10.0.0.1"), b = Entry("10.0.0.2");
     DnsCache_Put(c, "b", &b, 60);
-    DnsCache_setMaxNames(c, limit ? 1 : 0);
-    Armed([&] { return call(c), 0; });
-    const std::string out = Cached(c);
+    DnsCache_setMaxNames(c, limit);
+    Armed([&] { return DnsCache_Put(c, "a", &a, 60), again ? DnsCache_Put(c, "b", &a, 60) : void(), 0; });
+    const std::string out = Cached(c, "a") + " " + Cached(c, "b");
     DnsCacheDestroy(c);
     return out;
   };
@@ -232,12 +219,11 @@ Run Answered(bool tracked) {
     if (tracked) asyncDns_setRetry(c, 1000, 1);
     int pair[2];
     socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair);
-    std::vector<uint8_t> d = Hex("0000 8180 0001 0001 0000 0000 01 'a 00 0001 0001 c00c 0001 0001 0000003c 0004 0a000001");
-    memcpy(d.data(), &c->id, 2);
+    const Bytes d = Response(ntohs(c->id), "a", 1).a("10.0.0.1").b;
     send(pair[1], d.data(), d.size(), 0);
     answers = 0;
     const int rc = RK_ARMED(tracked ? dns::drainDnsSocket(c, pair[0]) : dns::checkDnsSocket(c, pair[0]));
-    const std::string out = Str(rc) + " answers=" + Str(answers) + " " + Cached(c->cache);
+    const std::string out = Str(rc) + " answers=" + Str(answers) + " " + Cached(c->cache, "a");
     close(pair[0]), close(pair[1]);
     asyncDns_destroy(c);
     return out;
@@ -324,25 +310,18 @@ std::vector<Row> AllocRows() {
        {"-1" + kLine + "asyncDns_setRetry:N\\]calloc error"}},
       {"asyncDns_setFailureCallback", Dns([](auto c) { return asyncDns_setFailureCallback(c, [](auto, auto, auto) {}); }),
        "0", {"-1" + kLine + "asyncDns_setFailureCallback:N\\]calloc error"}},
-      {"checkDnsSocket", Answered(false), "0 answers=1 a=1 ",
-       {"-1 answers=0 " + kLine + "checkDnsSocket:N\\]calloc error", "0 answers=1 "}},
-      {"drainDnsSocket", Answered(true), "0 answers=1 a=1 ", {"0 answers=1 "}},
+      {"checkDnsSocket", Answered(false), "0 answers=1 10.0.0.1",
+       {"-1 answers=0 absent" + kLine + "checkDnsSocket:N\\]calloc error", "0 answers=1 absent"}},
+      {"drainDnsSocket", Answered(true), "0 answers=1 10.0.0.1", {"0 answers=1 absent"}},
       {"DnsCacheCreate", Made(DnsCacheCreate, DnsCacheDestroy), "made", {"NULL"}},
-      {"DnsCache_Put", Put(false, [](auto c) {
-         const DnsAddressEntry a = Address(1);
-         DnsCache_Put(c, "a", &a, 60), DnsCache_Put(c, "b", &a, 60);
-       }), "a=1 b=2 ", {"b=2 ", "a=1 b=1 "}},
-      {"DnsCache_setMaxNames", Put(true, [](auto c) {
-         const DnsAddressEntry a = Address(1);
-         DnsCache_Put(c, "a", &a, 60);
-       }), "a=1 ", {"", "b=1 "}},
+      {"DnsCache_Put", Put(false, true), "10.0.0.1 10.0.0.1 10.0.0.2", {"absent 10.0.0.1 10.0.0.2", "10.0.0.1 10.0.0.2"}},
+      {"DnsCache_setMaxNames", Put(true, false), "10.0.0.1 absent", {"absent absent", "absent 10.0.0.2"}},
       {"asyncPing_create", Made([] { return asyncPing_create(nullptr); }, asyncPing_destroy), "made", {"NULL"}},
       {"asyncPing_createUnprivileged", Made([] { return asyncPing_createUnprivileged(nullptr); }, asyncPing_destroy),
        "made", {"NULL"}},
       {"setInternetDelay", Delay([](auto) { return setInternetDelay("new", 1); }), "0 0 new 1\nold 5\n", {"-1 0 old 5\n"}},
       {"getInternetDelay", Delay(getInternetDelay), "0 5 old 5\n", {"-1 0 old 5\n"}},
       {"clearInternetDelay", Delay([](auto) { return clearInternetDelay(); }), "0 0 ", {"0 0 old 5\n"}},
-      {"networkHelper_getBridgeAddr", BridgeAddr, "1 c0 a8 14 01", {"0 00 00 00 00"}},
       {"log_info", InChild([] { return FirstMessage([] { log_info("x"); }); }, "next", "lost"), "next | I x", {}, Hook::kAlloc,
        true},
       {"log_printf_to_flash", InChild([] { return FirstMessage([] { log_printf_to_flash("x\n"); }); }, "next", "lost"), "next",
@@ -447,7 +426,7 @@ std::vector<Row> SyscallRows() {
   const std::string noSocket = "NULL" + kLine + "createDnsSock:N\\](error create sock|setsockopt:SO_RCVBUF)" + kLine;
   const std::string noPingSocket = kLine + "createPingSock:N\\](error create sock|setsockopt:SO_RCVBUF)";
   const std::string fileFailed = "lost next \\| stderr:(open|flock) /tmp/log/faults_inject_test.log fail, errno : ";
-  const std::string noRead = "-1 answers=0 " + kLine + "checkDnsSocket:N\\]error recvfrom";
+  const std::string noRead = "-1 answers=0 absent" + kLine + "checkDnsSocket:N\\]error recvfrom";
   std::vector<Row> rows = {
       {"asyncDns_create", Made([] { return asyncDns_create(nullptr); }, asyncDns_destroy), "made",
        {noSocket + "asyncDns_create:N\\]error dnsSock", noSocket + "asyncDns_create:N\\]error dns6Sock"}},
@@ -462,11 +441,11 @@ std::vector<Row> SyscallRows() {
        "0 | I [asyncDns_AddServer:N]add 127.0.0.1 | I [asyncDns_AddServer6:N]add ::1", {}},
       {"asyncLookupPtr", Dns([](auto c) {
          unlink("/dev/urandom");  // getrandom alone gives the identifiers
-         const DnsAddressEntry a = Address(1);
+         const DnsAddressEntry a = Entry("10.0.0.1");
          return asyncDns_setChecks(c, ASYNC_DNS_RANDOM_ID), asyncLookupPtr(c, &a);
        }), "0", {"-1" + kLine + "asyncLookupPtr:N\\]error getrandom"}},
-      {"checkDnsSocket", Answered(false), "0 answers=1 a=1 ", {noRead, "0 answers=1 "}},
-      {"drainDnsSocket", Answered(true), "0 answers=1 a=1 ", {noRead, "0 answers=1 "}},
+      {"checkDnsSocket", Answered(false), "0 answers=1 10.0.0.1", {noRead, "0 answers=1 absent"}},
+      {"drainDnsSocket", Answered(true), "0 answers=1 10.0.0.1", {noRead, "0 answers=1 absent"}},
       {"logfile_printf", ToFile(false, [] { logfile_printf(kOwnLog, "x\n"); }), "written next",
        {fileFailed + "Too many open files\n", fileFailed + "No locks available\n"}},
       {"log_printf_to_flash", ToFile(true, [] { log_printf_to_flash("x\n"); }), "written next",

@@ -142,7 +142,7 @@ mips_wrappers() { # dest
 # deb-src lines for the machine's own Debian sources (left as they are).
 # apt checks each file against the signed index; the sums above pin them.
 mips_sources() { # dest, "file sha256"...
-  local dest=$1 apt=$1/apt f spec
+  local dest=$1 apt=$1/apt f pinned
   shift
   local opts=(-o Dir::Etc::SourceList=/dev/null -o Dir::Etc::SourceParts="$apt/parts"
               -o Dir::State::Lists="$apt/lists" -o Dir::Cache="$apt/cache" -o APT::Sandbox::User=root)
@@ -154,8 +154,8 @@ mips_sources() { # dest, "file sha256"...
     [ -f "$f" ] && grep -q debian "$f" && sed 's/^Types:.*/Types: deb-src/' "$f" > "$apt/parts/${f##*/}"
   done
   apt-get "${opts[@]}" update >/dev/null || echo "== apt-get update (sources) reported errors; going on"
-  for spec in "$@"; do
-    set -- $spec
+  for pinned in "$@"; do
+    set -- $pinned
     (cd "$dest/src" && apt-get "${opts[@]}" source --download-only --tar-only "${1%%_*}" >/dev/null)
     echo "$2  $dest/src/$1" | sha256sum -c --quiet || { echo "$1: not the pinned source" >&2; exit 1; }
   done

@@ -36,7 +36,7 @@ void Pump(int ms, const Strings *list = nullptr, size_t n = 0) {
 // socket (the kernel fills in the IP checksum; a UDP checksum of 0 means none).
 bool SendSpoofed(const char *source, uint16_t toPort, const Bytes &payload) {
   const auto udp = static_cast<uint16_t>(8 + payload.size());
-  const Bytes packet = Packet().u16(0x4500).u16(20 + udp).u32(0).u16(0x4011).u16(0).raw(V4(source)).raw(V4("127.0.0.1"))
+  const Bytes packet = Packet().u16(0x4500).u16(20 + udp).u32(0).u16(0x4011).u16(0).raw(Ip(source)).raw(Ip("127.0.0.1"))
                            .u16(53).u16(toPort).u16(udp).u16(0).raw(payload).b;
   const sockaddr_in to{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   const int fd = socket(AF_INET, SOCK_RAW, IPPROTO_RAW);
@@ -151,7 +151,7 @@ TEST_F(DnsChecks, EveryFailureReasonOnceFromCraftedResponses) {
       const int code = q.type() == 1 ? row.a : row.aaaa;
       // An error response's records are not delivered.
       Packet p = Response(IdOf(q), kQ, code == 0 ? 0 : 1, q.type());
-      if (code != 0) p.answer(q.type(), 300, q.type() == 1 ? V4("6.6.6.6") : V6("::6"));
+      if (code != 0) p.answer(q.type(), 300, Ip(q.type() == 1 ? "6.6.6.6" : "::6"));
       p.b[3] = static_cast<uint8_t>(0x80 | code);
       ASSERT_TRUE(code < 0 || server_->Reply(q, p.b));
     }

@@ -1,16 +1,14 @@
 // The DNS client's opt-in defences through the public header, on real
 // sockets: forged answers from another host and from the server's own
 // address (a raw socket), random identifiers, every failure reason from
-// dnsmasq and the crafted responder, retries, draining, and the cache's
-// limits. Every case runs in private namespaces.
-#include <malloc.h>
+// dnsmasq and the crafted responder, retries and draining. Every case runs
+// in private namespaces.
 #include <unistd.h>
 
 #include <algorithm>
 #include <memory>
 #include <set>
 
-#include "dns/cache.h"
 #include "dns_responder.h"
 #include "dns_test.h"
 #include "rk_test.h"
@@ -216,44 +214,6 @@ TEST_F(DnsChecks, SettingsBoundsAndUserData) {
   ASSERT_EQ(asyncDns_setChecks(c, 0), 0);  // untracked: the table is forgotten
   ASSERT_EQ(asyncDns_setChecks(c, ASYNC_DNS_CHECK_SENDER), 0);
   EXPECT_EQ(asyncLookup(c, kQ), 0);
-}
-
-uint64_t fakeNow = 0;
-// Heap bytes in use; musl keeps no such count, so there the bound is not held.
-size_t HeapInUse() {
-#ifdef __GLIBC__
-  return mallinfo2().uordblks;
-#else
-  return 0;
-#endif
-}
-
-TEST(DnsCacheLimits, AHundredThousandNamesThroughAThousandAndATtlCap) {
-  DnsCache *cache = DnsCacheCreate();
-  DnsCache_setMaxNames(cache, 1000);
-  const DnsAddressEntry a = Entry("192.0.2.1");
-  size_t warm = 0;
-  for (int i = 0; i < 100000; ++i) {
-    DnsCache_Put(cache, ("host-" + std::to_string(i)).c_str(), &a, 3600);  // short enough for no heap of its own
-    if (i % 500 == 0) Cached(cache, "host-0");  // stays in use
-    if (i == 1999) warm = HeapInUse();
-  }
-  EXPECT_EQ(cache->tree.count, 1000);
-  EXPECT_LE(HeapInUse(), warm + 4096);
-  // The least recently used went first: host-0 was read, host-99000 is the 1001st newest.
-  EXPECT_EQ(Cached(cache, "host-0"), "192.0.2.1");
-  EXPECT_EQ(Cached(cache, "host-99000"), "absent");
-
-  rk::dns::cacheClock = [] { return fakeNow; };
-  DnsCache_setMaxCacheTime(cache, 60);
-  DnsCache_setMinCacheTime(cache, 100);
-  DnsCache_Put(cache, "capped", &a, 3600);  // cut to 60, then 100 added
-  fakeNow += 160000;
-  EXPECT_EQ(Cached(cache, "capped"), "192.0.2.1");
-  fakeNow += 1;
-  EXPECT_EQ(Cached(cache, "capped"), "absent");
-  rk::dns::cacheClock = GetTickCount;
-  DnsCacheDestroy(cache);
 }
 
 }  // namespace

@@ -4,13 +4,9 @@
 //
 // Runs in a private namespace (NAMESPACE flag): the messages go through
 // syslog, which this program receives on its own /dev/log.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <string.h>
 
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "dns/cache.h"
 #include "dns/answer.h"
@@ -27,21 +23,14 @@ const char *const kNotPointer = "I [checkDnsSocket:N]the data_name is not 0xC0XX
 // The identifiers are printed as the 16-bit values their two bytes give in
 // memory, so the text differs between little- and big-endian hosts.
 std::string InMemory(uint8_t first, uint8_t second) {
-  const uint8_t bytes[2] = {first, second};
-  uint16_t value;
-  memcpy(&value, bytes, 2);
   char text[8];
-  snprintf(text, sizeof text, "%x", value);
+  snprintf(text, sizeof text, "%x", ntohs(static_cast<uint16_t>(first << 8 | second)));
   return text;
 }
 
 using Strings = std::vector<std::string>;
 Strings calls;
-
-int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) {
-  calls.push_back(Show(name, result));
-  return 0;
-}
+int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) { return calls.push_back(Show(name, result)), 0; }
 
 struct Row {
   const char *what;
@@ -55,34 +44,28 @@ class DnsAnswers : public ::testing::Test {
  protected:
   void SetUp() override {
     RK_REQUIRE_NAMESPACE();
-    ASSERT_TRUE(log_.ok());
-    context_.id = htons(kId);
-    context_.cache = DnsCacheCreate();
-    context_.callback = recordCall;
-    context_.dnsSock.fd = -1;
-    context_.dns6Sock.fd = -1;
-    INIT_LIST_HEAD(&context_.servers);
-    INIT_LIST_HEAD(&context_.servers6);
+    ASSERT_TRUE(log_.ok() && uloop_init() == 0 && (context_ = asyncDns_create(recordCall)));
+    context_->id = htons(kId);
   }
-  void TearDown() override { DnsCacheDestroy(context_.cache); }
+  void TearDown() override { asyncDns_destroy(context_), uloop_done(); }
 
   // The result; the callbacks are left in `calls`.
   int run(const Bytes &datagram, const struct sockaddr_storage *from = nullptr) {
     calls.clear();
-    return rk::dns::processDatagram(&context_, HeapCopy(datagram).get(), datagram.size(), from);
+    return rk::dns::processDatagram(context_, HeapCopy(datagram).get(), datagram.size(), from);
   }
 
   // Runs a table row: result, callbacks, messages, then the cache.
   void expect(const Row &row) {
-    if (!row.cache.empty()) DnsCache_Clean(context_.cache);
+    if (!row.cache.empty()) DnsCache_Clean(context_->cache);
     EXPECT_EQ(run(row.datagram), row.ret) << row.what;
     EXPECT_EQ(calls, row.calls) << row.what;
     EXPECT_EQ(log_.TakeNormalized(), row.logs) << row.what;
-    for (const auto &entry : row.cache) EXPECT_EQ(Cached(context_.cache, entry.first), entry.second) << row.what;
+    for (const auto &entry : row.cache) EXPECT_EQ(Cached(context_->cache, entry.first), entry.second) << row.what;
   }
 
   SyslogCapture log_;
-  AsyncDnsContext context_ = {};
+  AsyncDnsContext *context_ = nullptr;
 };
 
 TEST_F(DnsAnswers, RefusedBeforeTheAnswerLoop) {
@@ -101,7 +84,7 @@ TEST_F(DnsAnswers, RefusedBeforeTheAnswerLoop) {
        Header(kId, 1, 0, 0x8183).raw(Labels(kQ)).u16(1).u16(1).b, -1},
   };
   for (const Row &row : rows) expect(row);
-  EXPECT_EQ(Cached(context_.cache, kQ), "absent");
+  EXPECT_EQ(Cached(context_->cache, kQ), "absent");
 }
 
 TEST_F(DnsAnswers, AnswersReachTheCallbackAndTheCache) {
@@ -216,7 +199,7 @@ TEST_F(DnsAnswers, MessagesNameTheSenderWhenKnown) {
     EXPECT_EQ(log_.TakeNormalized(), Strings{line});
   }
   // No socket to read: refused before any read, and nothing logged.
-  EXPECT_EQ(rk::dns::checkDnsSocket(&context_, -1) + rk::dns::checkDnsSocket(nullptr, 0), -2);
+  EXPECT_EQ(rk::dns::checkDnsSocket(context_, -1) + rk::dns::checkDnsSocket(nullptr, 0), -2);
   EXPECT_EQ(log_.TakeNormalized(), Strings{});
 }
 

@@ -30,7 +30,7 @@ std::string InMemory(uint8_t first, uint8_t second) {
 
 using Strings = std::vector<std::string>;
 Strings calls;
-int recordCall(AsyncDnsContext *, const char *name, DnsResult *result) { return calls.push_back(Show(name, result)), 0; }
+int recordCall(AsyncDnsContext *, const char *name, DnsResult *r) { return calls.push_back(Show(name, r)), 0; }
 
 struct Row {
   const char *what;

@@ -26,8 +26,7 @@ namespace {
 std::vector<std::string> replies;
 template <char tag>
 int Record(AsyncPingContext *, const char *from, uint32_t delay) {
-  replies.push_back(tag + (" " + std::string(from)) + (delay < 3000 ? "" : " late"));
-  return 0;
+  return replies.push_back(tag + (" " + std::string(from)) + (delay < 3000 ? "" : " late")), 0;
 }
 
 void RunUntil(size_t n, int ms) {
@@ -99,8 +98,7 @@ TEST(Ping, RealRepliesAndTheirRequestsOnTheWire) {
   std::sort(replies.begin(), replies.end());
   EXPECT_EQ(replies, (std::vector<std::string>{"a 10.9.0.2", "a 127.0.0.1", "a ::1", "a fd09::2", "b ::1"}));
   replies.clear();
-  asyncPing_destroy(a), asyncPing_destroy(b), close(udp);
-  uloop_done();
+  asyncPing_destroy(a), asyncPing_destroy(b), close(udp), uloop_done();
 }
 
 TEST(Ping, BadInputAndLostSockets) {
@@ -110,8 +108,7 @@ TEST(Ping, BadInputAndLostSockets) {
   AsyncPingContext *c = asyncPing_create(nullptr);  // replies are read and go nowhere
   ASSERT_TRUE(c && log.ok());
   auto check = [&](int ret, int want, std::vector<std::string> lines) {
-    EXPECT_EQ(ret, want);
-    EXPECT_EQ(log.TakeNormalized(), lines);
+    EXPECT_EQ(std::make_pair(ret, log.TakeNormalized()), std::make_pair(want, lines));
   };
   const sockaddr family0{};
   const sockaddr_in lo4{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -151,8 +148,7 @@ void OnReply(AsyncPingContext *c, const char *from, uint16_t seq, uint32_t us) {
   microseconds.push_back(us);
 }
 int OnDelay(AsyncPingContext *c, const char *from, uint32_t) {
-  got[Tag(c)] += " -", replies.push_back(std::string("- ") + from);
-  return 0;
+  return got[Tag(c)] += " -", replies.push_back(std::string("- ") + from), 0;
 }
 
 // A context of either kind with `tag` as its user data; the reply callback unless `ms`.
@@ -164,8 +160,7 @@ AsyncPingContext *Make(bool unprivileged, const char *tag, bool ms = false) {
 }
 
 double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
+  return std::sort(v.begin(), v.end()), v.empty() ? 0 : v[v.size() / 2];
 }
 
 bool Groups(const std::string &r) { return !system(("sysctl -qw net.ipv4.ping_group_range='" + r + "'").c_str()); }
@@ -206,8 +201,7 @@ TEST(PingUnprivileged, SideBySideEachTakesItsOwnRepliesAndTellsDuplicatesAndLate
                             Make(true, "unprivileged ms", true)};
   for (int i = 0; i < 4; i++)
     for (int n = 0; n < (i % 2 ? 1 : 2); n++) EXPECT_EQ(asyncPing4(c[i], "127.0.0.1"), 36);
-  RunUntil(6, 2000);
-  usleep(100000);
+  RunUntil(6, 2000), usleep(100000);
   // The kernel's echo replies once more, 100 ms late: each sequence number comes a second time.
   std::vector<std::vector<uint8_t>> late;
   for (uint8_t b[256]; recv(tap, b, sizeof b, MSG_DONTWAIT) == 56;)

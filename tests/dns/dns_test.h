@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,30 +17,22 @@ namespace rk::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// "aaa.bb" -> 03 'aaa' 02 'bb' 00
+// "aaa.bb" -> 03 'aaa 02 'bb 00
 inline Bytes Labels(const std::string &dotted) {
   Bytes out;
-  size_t start = 0;
-  while (start < dotted.size()) {
-    size_t dot = dotted.find('.', start);
-    if (dot == std::string::npos) dot = dotted.size();
-    out.push_back(static_cast<uint8_t>(dot - start));
-    out.insert(out.end(), dotted.begin() + static_cast<long>(start), dotted.begin() + static_cast<long>(dot));
-    start = dot + 1;
+  for (size_t at = 0, dot; at < dotted.size(); at = dot + 1) {
+    dot = std::min(dotted.find('.', at), dotted.size());
+    out.push_back(static_cast<uint8_t>(dot - at));
+    out.insert(out.end(), dotted.data() + at, dotted.data() + dot);
   }
   out.push_back(0);
   return out;
 }
 
-inline Bytes V4(const char *text) {
-  Bytes b(4);
-  inet_pton(AF_INET, text, b.data());
-  return b;
-}
-
-inline Bytes V6(const char *text) {
-  Bytes b(16);
-  inet_pton(AF_INET6, text, b.data());
+// An address as its 4 or 16 bytes.
+inline Bytes Ip(const char *text) {
+  Bytes b(strchr(text, ':') ? 16 : 4);
+  inet_pton(b.size() == 4 ? AF_INET : AF_INET6, text, b.data());
   return b;
 }
 
@@ -50,17 +43,15 @@ inline DnsAddressEntry Entry(const char *text) {
   return e;
 }
 
-inline std::string Show(const DnsAddressEntry &e) {
-  char text[64] = "?";
-  if (e.family == AF_INET) inet_ntop(AF_INET, &e.ipv4, text, sizeof text);
-  if (e.family == AF_INET6) inet_ntop(AF_INET6, &e.ipv6, text, sizeof text);
-  return text;
-}
-
 // The slots of a result as "a b c".
 inline std::string Addresses(const DnsResult *result) {
   std::string s;
-  for (int i = 0; i < result->count; ++i) s += (i ? " " : "") + Show(result->slots[i]);
+  for (int i = 0; i < result->count; ++i) {
+    const DnsAddressEntry &e = result->slots[i];
+    char text[64] = "?";
+    inet_ntop(e.family, e.family == AF_INET ? static_cast<const void *>(&e.ipv4) : &e.ipv6, text, sizeof text);
+    s += (i ? " " : "") + std::string(text);
+  }
   return s;
 }
 
@@ -80,32 +71,21 @@ inline std::string Cached(DnsCache *cache, const char *name, int maxCount = 16) 
 // An exact-size heap copy: a read behind its end is an ASan report.
 inline std::unique_ptr<uint8_t[]> HeapCopy(const Bytes &b) {
   std::unique_ptr<uint8_t[]> copy(new uint8_t[b.empty() ? 1 : b.size()]);
-  if (!b.empty()) memcpy(copy.get(), b.data(), b.size());
+  std::copy(b.begin(), b.end(), copy.get());
   return copy;
 }
 
 // Big-endian datagram builder.
 struct Packet {
   Bytes b;
-  Packet &u8(uint8_t v) {
-    b.push_back(v);
-    return *this;
-  }
+  Packet &u8(uint8_t v) { return b.push_back(v), *this; }
   Packet &u16(uint16_t v) { return u8(static_cast<uint8_t>(v >> 8)).u8(static_cast<uint8_t>(v)); }
   Packet &u32(uint32_t v) { return u16(static_cast<uint16_t>(v >> 16)).u16(static_cast<uint16_t>(v)); }
-  Packet &raw(const Bytes &r) {
-    b.insert(b.end(), r.begin(), r.end());
-    return *this;
-  }
-  Packet &fill(size_t n, uint8_t v) { return raw(Bytes(n, v)); }
-  // A record named by a compression pointer to the question.
+  Packet &raw(const Bytes &r) { return b.insert(b.end(), r.begin(), r.end()), *this; }
+  // An answer named by a compression pointer to the question; `record` follows a name.
   Packet &answer(uint16_t type, uint32_t ttl, const Bytes &rdata) { return u8(0xC0).u8(0x0C).record(type, ttl, rdata); }
-  Packet &a(const char *v4, uint32_t ttl = 60) { return answer(1, ttl, V4(v4)); }
-  Packet &aaaa(const char *v6, uint32_t ttl = 60) { return answer(28, ttl, V6(v6)); }
-  // A record whose name is written in full.
-  Packet &answerNamed(const std::string &name, uint16_t type, uint32_t ttl, const Bytes &rdata) {
-    return raw(Labels(name)).record(type, ttl, rdata);
-  }
+  Packet &a(const char *v4, uint32_t ttl = 60) { return answer(1, ttl, Ip(v4)); }
+  Packet &aaaa(const char *v6, uint32_t ttl = 60) { return answer(28, ttl, Ip(v6)); }
   Packet &record(uint16_t type, uint32_t ttl, const Bytes &rdata) {
     return u16(type).u16(1).u32(ttl).u16(static_cast<uint16_t>(rdata.size())).raw(rdata);
   }

@@ -44,7 +44,7 @@ TEST(Uloop, ReadableHangUpAndShutdownAsTheHandlerSeesThem) {
     ASSERT_EQ(uloop_init(), 0);
     int p[2];
     ASSERT_EQ(row.socketpair ? socketpair(AF_UNIX, SOCK_STREAM, 0, p) : pipe(p), 0);
-    if (row.data) ASSERT_EQ(write(p[1], "x", 1), 1);
+    ASSERT_EQ(row.data ? write(p[1], "x", 1) : 1, 1);
     if (row.close_peer) close(p[1]);
     if (row.socketpair) shutdown(p[1], SHUT_WR);
     uloop_fd u{};

@@ -47,20 +47,9 @@ TEST_F(Identity, FileGettersAndTheVersionCut) {
       {{"SWVersion = 1.2.3.\n"}, config_getSoftwareVersion, 64, "5 1.2.3"},
       {{"SWVersion = 1.2.3.4.5\n"}, config_getSoftwareVersion, 5, "4 1.2."},
       {{"HWVersion = 1.0\n"}, config_getSoftwareVersion, 8, "0 #######"},
-      {{"HWVersion = hw2\nCompileTime = today\n"}, config_getHardwareVersion, 64, "3 hw2"},
-      {{"CompileTime = 2026-11-24\n"}, config_getCompileTime, 64, "10 2026-11-24"},
-      {{"PlatForm = mt7621\n"}, config_getPlatForm, 64, "6 mt7621"},
-      {{"DeviceName = R1\n"}, config_getDeviceName, 64, "2 R1"},
-      {{"", "InnerDeviceType = X9\n"}, config_getInnerDeviceType, 64, "2 X9"},
-      {{"", "sn = 0042\n"}, config_getSerialNo, 64, "4 0042"},
       {{}, config_getSerialNo, 8, "-1 #######"},
   };
   run(rows);
-  set({"PlatForm = x\n", "sn = y\n"});
-  char v[8] = {0}, f[8] = {0};
-  EXPECT_EQ(1, config_getValueFromVersionFile("PlatForm", v, sizeof v));
-  EXPECT_EQ(1, config_getValueFromFactoryFile("sn", f, sizeof f));
-  EXPECT_EQ("x y", std::string(v) + " " + f);
 }
 
 TEST_F(Identity, ChainsAndFallbacks) {

@@ -141,21 +141,17 @@ TEST_F(OpenPackage, ListsAndSectionsByName) {
 TEST_F(OpenPackage, SectionNameFamilyAnswersZeroTwoThree) {
   char buf[8];
   memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, "main", "addr", buf, 4), 0);
-  EXPECT_EQ(std::string(buf, 4), "1.2X");
-  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, "nowhere", "addr", buf, 8), 3);
-  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, "main", "nothing", buf, 8), 3);
-  EXPECT_EQ(uciGetSectionOptionString(ctx_, pkg_, "main", "dns", buf, 8), 3);
-  EXPECT_EQ(std::string(buf, 4), "1.2X");
-
-  EXPECT_EQ(uciSetSectionOptionString(ctx_, pkg_, "lan", "proto", "dhcp"), 0);
-  EXPECT_EQ(text("lan", "proto"), "dhcp");
-  EXPECT_EQ(uciSetSectionOptionString(ctx_, pkg_, "nowhere", "proto", "dhcp"), 3);
-
   int v = 5;
-  EXPECT_EQ(uciGetSectionOptionValue(ctx_, pkg_, "main", "short", &v), 0);
-  EXPECT_EQ(uciGetSectionOptionValue(ctx_, pkg_, "nowhere", "short", &v), 3);
-  EXPECT_EQ(v, 42);
+  const auto get = [&](const char *sec, const char *opt, int size) {
+    return uciGetSectionOptionString(ctx_, pkg_, sec, opt, buf, size);
+  };
+  const auto set = [&](const char *sec) { return uciSetSectionOptionString(ctx_, pkg_, sec, "proto", "dhcp"); };
+  const auto value = [&](const char *sec) { return uciGetSectionOptionValue(ctx_, pkg_, sec, "short", &v); };
+  // In this order; failures leave `buf` and `v` alone.
+  const std::vector<int> results = {get("main", "addr", 4), get("nowhere", "addr", 8), get("main", "nothing", 8),
+                                    get("main", "dns", 8),  set("lan"),  set("nowhere"), value("main"), value("nowhere")};
+  EXPECT_EQ(results, (std::vector<int>{0, 3, 3, 3, 0, 3, 0, 3}));
+  EXPECT_EQ(std::string(buf, 8) + " " + text("lan", "proto") + " " + std::to_string(v), "1.2XXXXX dhcp 42");
 }
 
 // Each pointer argument null in turn is refused before libuci is asked: -1,

@@ -150,8 +150,8 @@ TEST_F(OneShot, FailedCommitRevertsAndReportsFailure) {
   ASSERT_TRUE(WriteFile(std::string(kSaveDir) + "/network", "network.wan.mtu='1400'\nnetwork.lan.mtu='1500'\n"));
   const std::string before = ReadFile(conf_path("network"));
   {
-    ReadOnlyDir ro(kConfDir);
-    ASSERT_TRUE(ro.ok());
+    ReadOnlyDir ro{kConfDir};
+    ASSERT_TRUE(ro.ok);
     EXPECT_EQ(uciSetOptionString("network", nullptr, "lan", "proto", "pppoe", 5), -1);
     EXPECT_EQ(uciSetOptionInt32("network", nullptr, "lan", "mtu", 1492), -1);
   }
@@ -169,8 +169,8 @@ TEST_F(OneShot, CommitFailingAfterTheReloadStillReverts) {
   // before writing the new file fails.
   const std::string before = ReadFile(conf_path("network"));
   {
-    ReadOnlyDir ro(kConfDir, conf_path("network"));
-    ASSERT_TRUE(ro.ok());
+    ReadOnlyDir ro{kConfDir, conf_path("network")};
+    ASSERT_TRUE(ro.ok);
     EXPECT_EQ(uciSetOptionString("network", "interface", nullptr, "proto", "pppoe", 5), -1);
   }
   EXPECT_EQ(ReadFile(conf_path("network")), before);

@@ -87,30 +87,22 @@ class UciFiles : public ::testing::Test {
   uci_package *pkg_ = nullptr;
 };
 
-// Makes a directory read-only for the life of the object: a bind mount of
-// it onto itself, remounted read-only (as root, permissions wouldn't stop a
-// write). `writable_file`, if given, stays writable on a bind of its own.
-class ReadOnlyDir {
- public:
-  explicit ReadOnlyDir(const std::string &dir, const std::string &writable_file = "")
-      : dir_(dir), file_(writable_file) {
-    ok_ = mount(dir_.c_str(), dir_.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
-          mount(nullptr, dir_.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
-    if (ok_ && !file_.empty())
-      ok_ = mount(file_.c_str(), file_.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
-            mount(nullptr, file_.c_str(), nullptr, MS_REMOUNT | MS_BIND, nullptr) == 0;
-  }
+// A read-only bind of `path` onto itself (as root, permissions wouldn't stop
+// a write); `flags` 0 makes a writable one.
+inline bool Bind(const std::string &path, unsigned long flags = MS_RDONLY) {
+  return mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+         mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_BIND | flags, nullptr) == 0;
+}
+// Makes directory `dir` read-only for the life of the object but for
+// `writable_file`, if given, which stays writable on a bind of its own.
+struct ReadOnlyDir {
+  explicit ReadOnlyDir(std::string d, std::string f = "") : dir(std::move(d)), writable_file(std::move(f)) {}
+  std::string dir, writable_file;
+  bool ok = Bind(dir) && (writable_file.empty() || Bind(writable_file, 0));
   ~ReadOnlyDir() {
-    if (!file_.empty()) umount2(file_.c_str(), MNT_DETACH);
-    umount2(dir_.c_str(), MNT_DETACH);
+    if (!writable_file.empty()) umount2(writable_file.c_str(), MNT_DETACH);
+    umount2(dir.c_str(), MNT_DETACH);
   }
-  ReadOnlyDir(const ReadOnlyDir &) = delete;
-  ReadOnlyDir &operator=(const ReadOnlyDir &) = delete;
-  bool ok() const { return ok_; }
-
- private:
-  std::string dir_, file_;
-  bool ok_ = false;
 };
 
 }  // namespace rk::test

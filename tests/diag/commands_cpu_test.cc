@@ -73,9 +73,6 @@ TEST(Cpu, PerMilleOfBusyTicksBetweenSamples) {
   EXPECT_EQ(RunInChild([t = times]() mutable {
               return setuid(65534) == 0 && getCPUUsageValue(&t) == 0 && t.iowait == 7 && t.user == 121;
             }), 1);
-  CpuTimes real{};
-  ASSERT_EQ(umount("/proc/stat"), 0);
-  EXPECT_TRUE(getCPUUsageValue(&real) <= 1000 && real.user > 0 && getCPUUsageValue(&real) <= 1000);
 }
 
 }  // namespace

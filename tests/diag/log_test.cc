@@ -153,13 +153,5 @@ TEST_F(LogTest, FlashWritesTheOwnFileWhateverTheLevel) {
   EXPECT_TRUE(Received().empty());  // the file family never goes to syslog
 }
 
-TEST_F(LogTest, UnusableLogDirectoryLosesFileMessages) {
-  ASSERT_TRUE(WriteFile("/tmp/log", "a file where the directory should be"));
-  StderrCapture err;
-  log_printf_to_flash("lost\n");
-  EXPECT_EQ(err.Stop(), "open " + OwnLogFile() + " fail, errno : Not a directory\n");
-  EXPECT_EQ(ReadFile("/tmp/log"), "a file where the directory should be");
-}
-
 }  // namespace
 }  // namespace rk::test

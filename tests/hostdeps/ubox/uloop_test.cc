@@ -7,6 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <tuple>
+
 extern "C" {
 #include <libubox/uloop.h>
 }
@@ -22,13 +24,10 @@ struct Seen {
 Seen seen;
 
 void Record(uloop_fd *u, unsigned int events) {
-  seen.calls++;
-  seen.events = events;
-  seen.registered = u->registered;
-  seen.error = u->error;
-  seen.eof = u->eof;
+  seen = {seen.calls + 1, events, u->registered, u->error, u->eof};
   uloop_end();
 }
+auto Fields(const Seen &s) { return std::make_tuple(s.calls, s.events, s.registered, s.error, s.eof); }
 
 TEST(Uloop, ReadableHangUpAndShutdownAsTheHandlerSeesThem) {
   const struct Row {
@@ -45,9 +44,7 @@ TEST(Uloop, ReadableHangUpAndShutdownAsTheHandlerSeesThem) {
     ASSERT_EQ(uloop_init(), 0);
     int p[2];
     ASSERT_EQ(row.socketpair ? socketpair(AF_UNIX, SOCK_STREAM, 0, p) : pipe(p), 0);
-    if (row.data) {
-      ASSERT_EQ(write(p[1], "x", 1), 1);
-    }
+    ASSERT_EQ(row.data ? write(p[1], "x", 1) : 1, 1);
     if (row.close_peer) close(p[1]);
     if (row.socketpair) shutdown(p[1], SHUT_WR);
     uloop_fd u{};
@@ -56,11 +53,7 @@ TEST(Uloop, ReadableHangUpAndShutdownAsTheHandlerSeesThem) {
     seen = Seen();
     ASSERT_EQ(uloop_fd_add(&u, ULOOP_READ), 0);
     EXPECT_EQ(uloop_run_timeout(1000), 0);
-    EXPECT_EQ(seen.calls, row.want.calls) << row.what;
-    EXPECT_EQ(seen.events, row.want.events) << row.what;
-    EXPECT_EQ(seen.registered, row.want.registered) << row.what;
-    EXPECT_EQ(seen.error, row.want.error) << row.what;
-    EXPECT_EQ(seen.eof, row.want.eof) << row.what;
+    EXPECT_EQ(Fields(seen), Fields(row.want)) << row.what << " (calls, events, registered, error, eof)";
     uloop_fd_delete(&u);
     close(p[0]);
     if (!row.close_peer) close(p[1]);

@@ -16,12 +16,8 @@ constexpr uint8_t kServFail = 2, kNxDomain = 3;  // RCODE, the low bits of the f
 // Member by member: musl pads the record on some targets.
 msghdr Message(sockaddr_in6 *peer, iovec *iov, void *control, size_t controlLength) {
   msghdr msg{};
-  msg.msg_name = peer;
-  msg.msg_namelen = sizeof *peer;
-  msg.msg_iov = iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = controlLength;
+  msg.msg_name = peer, msg.msg_namelen = sizeof *peer, msg.msg_iov = iov, msg.msg_iovlen = 1;
+  msg.msg_control = control, msg.msg_controllen = controlLength;
   return msg;
 }
 
@@ -33,10 +29,7 @@ DnsResponder::DnsResponder(uint16_t port) {
   setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
   setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
   sockaddr_in6 any{AF_INET6, htons(port), 0, {}, 0};
-  if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
-    close(fd_);
-    fd_ = -1;
-  }
+  if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) close(fd_), fd_ = -1;
 }
 
 DnsResponder::~DnsResponder() {
@@ -89,9 +82,7 @@ bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
   msghdr msg = Message(const_cast<sockaddr_in6 *>(&q.from), &iov, control, sizeof control);
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
-  c->cmsg_level = IPPROTO_IPV6;
-  c->cmsg_type = IPV6_PKTINFO;
-  c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+  c->cmsg_level = IPPROTO_IPV6, c->cmsg_type = IPV6_PKTINFO, c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
   in6_pktinfo info{};
   info.ipi6_addr = q.toAddress;
   memcpy(CMSG_DATA(c), &info, sizeof info);
@@ -121,8 +112,7 @@ void DnsResponder::ServeLoop() {
     end += 5;
     if (b.size() < kHeaderSize + 5 || end > b.size()) continue;
     b.resize(end);
-    b[2] = 0x81;  // a response, recursion desired and available, no error
-    b[3] = 0x80;
+    b[2] = 0x81, b[3] = 0x80;  // a response, recursion desired and available, no error
     memset(&b[6], 0, 6);  // answers counted below; no other records
     const uint16_t type = q.type();
     const char *kind = mixed_ ? reinterpret_cast<const char *>(&b[kHeaderSize + 1]) : "";
@@ -141,10 +131,9 @@ void DnsResponder::ServeLoop() {
     }
     if (strncmp(kind, "fg", 2) == 0) {
       std::vector<uint8_t> forged = b;
-      forged[0] ^= 0x80;
+      forged[0] ^= 0x80;  // another identifier, then another question
       Reply(q, forged);
-      forged[0] = b[0];
-      forged[kHeaderSize + 2] = 'x';
+      forged[0] = b[0], forged[kHeaderSize + 2] = 'x';
       Reply(q, forged);
       sendto(forgeFd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr *>(&q.from), sizeof q.from);
     }

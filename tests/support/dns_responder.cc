@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,11 +35,8 @@ DnsResponder::DnsResponder(uint16_t port) {
 
 DnsResponder::~DnsResponder() {
   stop_.store(true);
-  if (thread_.joinable()) {
-    // A blocked recvmsg on a UDP socket returns once the socket is shut down.
-    shutdown(fd_, SHUT_RDWR);
-    thread_.join();
-  }
+  // A blocked recvmsg on a UDP socket returns once the socket is shut down.
+  if (thread_.joinable()) shutdown(fd_, SHUT_RDWR), thread_.join();
   if (fd_ >= 0) close(fd_);
   if (forgeFd_ >= 0) close(forgeFd_);
 }
@@ -58,12 +56,10 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
 #pragma GCC diagnostic ignored "-Wsign-compare"
   for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
     if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
-    in6_pktinfo info;
-    memcpy(&info, CMSG_DATA(c), sizeof info);
-    q->toAddress = info.ipi6_addr;
+    memcpy(&q->toAddress, CMSG_DATA(c) + offsetof(in6_pktinfo, ipi6_addr), sizeof q->toAddress);
     char text[INET6_ADDRSTRLEN] = "";
-    const bool v4 = IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr);
-    inet_ntop(v4 ? AF_INET : AF_INET6, &info.ipi6_addr.s6_addr[v4 ? 12 : 0], text, sizeof text);
+    const bool v4 = IN6_IS_ADDR_V4MAPPED(&q->toAddress);
+    inet_ntop(v4 ? AF_INET : AF_INET6, &q->toAddress.s6_addr[v4 ? 12 : 0], text, sizeof text);
     q->to = text;
   }
 #pragma GCC diagnostic pop
@@ -83,9 +79,7 @@ bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   msghdr msg = Message(const_cast<sockaddr_in6 *>(&q.from), &iov, control, sizeof control);
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
   c->cmsg_level = IPPROTO_IPV6, c->cmsg_type = IPV6_PKTINFO, c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
-  in6_pktinfo info{};
-  info.ipi6_addr = q.toAddress;
-  memcpy(CMSG_DATA(c), &info, sizeof info);
+  memcpy(CMSG_DATA(c) + offsetof(in6_pktinfo, ipi6_addr), &q.toAddress, sizeof q.toAddress);  // interface 0
   return sendmsg(fd_, &msg, 0) == static_cast<ssize_t>(bytes.size());
 }
 

@@ -134,11 +134,9 @@ void operator delete[](void *p, size_t) noexcept { free(p); }
 
 RK_SYSCALL(int, socket, EMFILE, (int d, int t, int p), (d, t, p))
 RK_SYSCALL(int, setsockopt, ENOBUFS, (int fd, int l, int o, const void *v, socklen_t n), (fd, l, o, v, n))
-RK_SYSCALL(ssize_t, sendto, ENOBUFS, (int fd, const void *b, size_t n, int f, const sockaddr *a, socklen_t l),
-           (fd, b, n, f, a, l))
+RK_SYSCALL(ssize_t, sendto, ENOBUFS, (int fd, const void *b, size_t n, int f, const sockaddr *a, socklen_t l), (fd, b, n, f, a, l))
 RK_SYSCALL(int, sendmmsg, ENOBUFS, (int fd, mmsghdr *m, unsigned n, int f), (fd, m, n, f))
-RK_SYSCALL(ssize_t, recvfrom, ENOMEM, (int fd, void *b, size_t n, int f, sockaddr *a, socklen_t *l),
-           (fd, b, n, f, a, l))
+RK_SYSCALL(ssize_t, recvfrom, ENOMEM, (int fd, void *b, size_t n, int f, sockaddr *a, socklen_t *l), (fd, b, n, f, a, l))
 RK_SYSCALL(int, recvmmsg, ENOMEM, (int fd, mmsghdr *m, unsigned n, int f, timespec *t), (fd, m, n, f, t))
 RK_SYSCALL(int, flock, ENOLCK, (int fd, int op), (fd, op))
 RK_SYSCALL(ssize_t, write, ENOSPC, (int fd, const void *b, size_t n), (fd, b, n))

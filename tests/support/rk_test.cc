@@ -124,15 +124,12 @@ SyslogCapture::SyslogCapture() {
 }
 
 SyslogCapture::~SyslogCapture() {
-  if (fd_ < 0) return;
-  close(fd_);
-  unlink(kDevLog);
+  if (fd_ >= 0) close(fd_), unlink(kDevLog);
 }
 
 std::vector<LogLine> SyslogCapture::Take() {
   std::vector<LogLine> out;
-  if (fd_ < 0) return out;
-  char buf[65536];
+  char buf[65536];  // none without a socket: recv fails
   for (ssize_t n; (n = recv(fd_, buf, sizeof buf, 0)) >= 0;) {
     std::string raw(buf, static_cast<size_t>(n));
     while (!raw.empty() && (raw.back() == '\n' || raw.back() == '\0')) raw.pop_back();
@@ -147,11 +144,7 @@ std::vector<std::string> SyslogCapture::TakeNormalized() {
   return out;
 }
 
-bool SilenceSyslog() {
-  if (!InTestNamespace()) return false;
-  unlink(kDevLog);
-  return access(kDevLog, F_OK) != 0;
-}
+bool SilenceSyslog() { return InTestNamespace() && (unlink(kDevLog), access(kDevLog, F_OK) != 0); }
 
 StderrCapture::StderrCapture(int fd) : fd_(fd) {
   fflush(nullptr);
@@ -163,9 +156,7 @@ StderrCapture::StderrCapture(int fd) : fd_(fd) {
 std::string StderrCapture::Stop() {
   if (saved_ < 0) return text_;
   fflush(nullptr);
-  dup2(saved_, fd_);
-  close(saved_);
-  saved_ = -1;
+  dup2(saved_, fd_), close(saved_), saved_ = -1;
   char buf[4096];
   ssize_t n;
   for (off_t off = 0; (n = pread(mem_, buf, sizeof buf, off)) > 0; off += n) text_.append(buf, n);
@@ -186,23 +177,18 @@ Dnsmasq::Dnsmasq(std::vector<std::string> args) {
 }
 
 Dnsmasq::~Dnsmasq() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
+  if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
 }
 
 pid_t StartChild(const std::function<int()> &body) {
   fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int code = body();
-    fflush(nullptr);
+  if (const pid_t pid = fork(); pid != 0) return pid;
+  const int code = body();
+  fflush(nullptr);
 #ifdef RK_GCOV_DUMP
-    __gcov_dump();
+  __gcov_dump();
 #endif
-    _exit(code);
-  }
-  return pid;
+  _exit(code);
 }
 
 int WaitChild(pid_t pid) {

@@ -85,10 +85,7 @@ Run Made(Make make, Drop drop, bool why = false) {
 
 // A getter of the (out, size) kind, into a zeroed buffer.
 Run Text(int (*get)(char *, int)) {
-  return [get] {
-    char out[64] = {};
-    return Str(RK_ARMED(get(out, sizeof out))) + " " + out;
-  };
+  return [get] { char out[64] = {}; return Str(RK_ARMED(get(out, sizeof out))) + " " + out; };
 }
 #define RK_GET(call) Text([](char *o, int n) { return call; })
 
@@ -96,12 +93,12 @@ const char kSystem[] =
     "config system 'main'\n\toption hostname 'rk'\n\toption country 'US'\n\toption envName 'dev'\n"
     "\toption localDomain 'home'\n\toption deviceType 'router'\n\toption port '8080'\n\tlist ntp 'a'\n";
 
-// A one-shot call on the package above, as it is again before each run, and
-// the option `show` a fresh context sees afterwards.
+// The package above, as it is again before each run.
+void Reset() { std::filesystem::remove_all(kSaveDir), WriteFile(conf_path("system"), kSystem); }
+// A one-shot call on it, and the option `show` a fresh context sees afterwards.
 Run OneShot(const char *show, int (*call)()) {
   return [=] {
-    std::filesystem::remove_all(kSaveDir);
-    WriteFile(conf_path("system"), kSystem);
+    Reset();
     const int rc = Armed(call);
     return Str(rc) + " " + stored("system", "main", show);
   };
@@ -116,8 +113,7 @@ int SetHostname() { return uciSetOptionString("system", "system", nullptr, "host
 using PackageCall = int (*)(uci_context *, uci_package *&, uci_section *);
 Run OnPackage(const char *show, PackageCall call) {
   return [=] {
-    std::filesystem::remove_all(kSaveDir);
-    WriteFile(conf_path("system"), kSystem);
+    Reset();
     uci_context *ctx = uci_alloc_context();
     uci_package *p = nullptr;
     uci_load(ctx, "system", &p);
@@ -179,24 +175,20 @@ Run Script(bool withObj, int (*call)(LuaHelper *, json_object *)) {
 // `call` on what `make` makes (`drop` releases it): a DNS or ping context.
 template <typename Make, typename Drop, typename Call>
 Run On(Make make, Drop drop, Call call) {
-  return [=] {
-    auto *made = make();
-    const int rc = RK_ARMED(call(made));
-    return drop(made), Str(rc);
-  };
+  return [=] { auto *made = make(); const int rc = RK_ARMED(call(made)); return drop(made), Str(rc); };
 }
 #define RK_DNS(call) On([] { return asyncDns_create(nullptr); }, asyncDns_destroy, [](AsyncDnsContext *c) { return call; })
 #define RK_PING(call) On([] { return asyncPing_create(nullptr); }, asyncPing_destroy, [](AsyncPingContext *c) { return call; })
 
+const DnsAddressEntry kA = Entry("10.0.0.1"), kB = Entry("10.0.0.2");
 // Puts "a" (and "b" again when `again`) into a cache holding "b", of one
 // name at most when `limit`: what it holds for both afterwards.
 Run Put(bool limit, bool again) {
   return [=] {
     DnsCache *c = DnsCacheCreate();
-    const DnsAddressEntry a = Entry("10.0.0.1"), b = Entry("10.0.0.2");
-    DnsCache_Put(c, "b", &b, 60);
+    DnsCache_Put(c, "b", &kB, 60);
     DnsCache_setMaxNames(c, limit);
-    Armed([&] { return DnsCache_Put(c, "a", &a, 60), again ? DnsCache_Put(c, "b", &a, 60) : void(), 0; });
+    Armed([&] { return DnsCache_Put(c, "a", &kA, 60), again ? DnsCache_Put(c, "b", &kA, 60) : void(), 0; });
     const std::string out = Cached(c, "a") + " " + Cached(c, "b");
     return DnsCacheDestroy(c), out;
   };
@@ -399,11 +391,9 @@ std::vector<Row> SyscallRows() {
       {"asyncPing6", RK_PING((asyncPing_setReplyCallback(c, [](auto, auto, auto, auto) {}), asyncPing6(c, "::1"))), "24", {"-1"}},
       {"asyncLookup", RK_DNS((asyncDns_AddServer(c, "127.0.0.1"), asyncDns_AddServer6(c, "::1"), asyncLookup(c, "a"))),
        "0 | I [asyncDns_AddServer:N]add 127.0.0.1 | I [asyncDns_AddServer6:N]add ::1", {}},
-      {"asyncLookupPtr", On([] { return asyncDns_create(nullptr); }, asyncDns_destroy, [](AsyncDnsContext *c) {
-         unlink("/dev/urandom");  // getrandom alone gives the identifiers
-         const DnsAddressEntry a = Entry("10.0.0.1");
-         return asyncDns_setChecks(c, ASYNC_DNS_RANDOM_ID), asyncLookupPtr(c, &a);
-       }), "0", {"-1" + kLine + "asyncLookupPtr:N\\]error getrandom"}},
+      // Without /dev/urandom, getrandom alone gives the identifiers.
+      {"asyncLookupPtr", RK_DNS((unlink("/dev/urandom"), asyncDns_setChecks(c, ASYNC_DNS_RANDOM_ID), asyncLookupPtr(c, &kA))), "0",
+       {"-1" + kLine + "asyncLookupPtr:N\\]error getrandom"}},
       {"checkDnsSocket", Answered(false), "0 answers=1 10.0.0.1", {noRead, "0 answers=1 absent"}},
       {"drainDnsSocket", Answered(true), "0 answers=1 10.0.0.1", {noRead, "0 answers=1 absent"}},
       {"logfile_printf", ToFile(false, [] { logfile_printf(kOwnLog, "x\n"); }), "written next", noFile},
@@ -455,8 +445,7 @@ TEST_P(FailAt, EveryN) {
   ASSERT_EQ(outcome(0), row.ok);
   const std::vector<std::regex> failed(row.failed.begin(), row.failed.end());
   std::vector<bool> seen(failed.size());
-  std::string got;
-  got.reserve(4096);  // so that it holds no block of its own in the count
+  std::string got(4096, ' ');  // so that it holds no block of its own in the count
   for (long n = 1;; ++n) {
     const long blocks = LiveBlocks();
     const int fds = OpenFdCount();

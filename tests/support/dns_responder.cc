@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -16,12 +17,8 @@ constexpr uint8_t kServFail = 2, kNxDomain = 3;  // RCODE, the low bits of the f
 // Member by member: musl pads the record on some targets.
 msghdr Message(sockaddr_in6 *peer, iovec *iov, void *control, size_t controlLength) {
   msghdr msg{};
-  msg.msg_name = peer;
-  msg.msg_namelen = sizeof *peer;
-  msg.msg_iov = iov;
-  msg.msg_iovlen = 1;
-  msg.msg_control = control;
-  msg.msg_controllen = controlLength;
+  msg.msg_name = peer, msg.msg_namelen = sizeof *peer, msg.msg_iov = iov, msg.msg_iovlen = 1;
+  msg.msg_control = control, msg.msg_controllen = controlLength;
   return msg;
 }
 
@@ -33,19 +30,13 @@ DnsResponder::DnsResponder(uint16_t port) {
   setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
   setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
   sockaddr_in6 any{AF_INET6, htons(port), 0, {}, 0};
-  if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
-    close(fd_);
-    fd_ = -1;
-  }
+  if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) close(fd_), fd_ = -1;
 }
 
 DnsResponder::~DnsResponder() {
   stop_.store(true);
-  if (thread_.joinable()) {
-    // A blocked recvmsg on a UDP socket returns once the socket is shut down.
-    shutdown(fd_, SHUT_RDWR);
-    thread_.join();
-  }
+  // A blocked recvmsg on a UDP socket returns once the socket is shut down.
+  if (thread_.joinable()) shutdown(fd_, SHUT_RDWR), thread_.join();
   if (fd_ >= 0) close(fd_);
   if (forgeFd_ >= 0) close(forgeFd_);
 }
@@ -65,12 +56,10 @@ bool DnsResponder::Next(DnsQuery *q, int ms) {
 #pragma GCC diagnostic ignored "-Wsign-compare"
   for (cmsghdr *c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
     if (c->cmsg_level != IPPROTO_IPV6 || c->cmsg_type != IPV6_PKTINFO) continue;
-    in6_pktinfo info;
-    memcpy(&info, CMSG_DATA(c), sizeof info);
-    q->toAddress = info.ipi6_addr;
+    memcpy(&q->toAddress, CMSG_DATA(c) + offsetof(in6_pktinfo, ipi6_addr), sizeof q->toAddress);
     char text[INET6_ADDRSTRLEN] = "";
-    const bool v4 = IN6_IS_ADDR_V4MAPPED(&info.ipi6_addr);
-    inet_ntop(v4 ? AF_INET : AF_INET6, &info.ipi6_addr.s6_addr[v4 ? 12 : 0], text, sizeof text);
+    const bool v4 = IN6_IS_ADDR_V4MAPPED(&q->toAddress);
+    inet_ntop(v4 ? AF_INET : AF_INET6, &q->toAddress.s6_addr[v4 ? 12 : 0], text, sizeof text);
     q->to = text;
   }
 #pragma GCC diagnostic pop
@@ -89,12 +78,8 @@ bool DnsResponder::Reply(const DnsQuery &q, const std::vector<uint8_t> &bytes) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo))] = {};
   msghdr msg = Message(const_cast<sockaddr_in6 *>(&q.from), &iov, control, sizeof control);
   cmsghdr *c = CMSG_FIRSTHDR(&msg);
-  c->cmsg_level = IPPROTO_IPV6;
-  c->cmsg_type = IPV6_PKTINFO;
-  c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
-  in6_pktinfo info{};
-  info.ipi6_addr = q.toAddress;
-  memcpy(CMSG_DATA(c), &info, sizeof info);
+  c->cmsg_level = IPPROTO_IPV6, c->cmsg_type = IPV6_PKTINFO, c->cmsg_len = CMSG_LEN(sizeof(in6_pktinfo));
+  memcpy(CMSG_DATA(c) + offsetof(in6_pktinfo, ipi6_addr), &q.toAddress, sizeof q.toAddress);  // interface 0
   return sendmsg(fd_, &msg, 0) == static_cast<ssize_t>(bytes.size());
 }
 
@@ -121,8 +106,7 @@ void DnsResponder::ServeLoop() {
     end += 5;
     if (b.size() < kHeaderSize + 5 || end > b.size()) continue;
     b.resize(end);
-    b[2] = 0x81;  // a response, recursion desired and available, no error
-    b[3] = 0x80;
+    b[2] = 0x81, b[3] = 0x80;  // a response, recursion desired and available, no error
     memset(&b[6], 0, 6);  // answers counted below; no other records
     const uint16_t type = q.type();
     const char *kind = mixed_ ? reinterpret_cast<const char *>(&b[kHeaderSize + 1]) : "";
@@ -141,10 +125,9 @@ void DnsResponder::ServeLoop() {
     }
     if (strncmp(kind, "fg", 2) == 0) {
       std::vector<uint8_t> forged = b;
-      forged[0] ^= 0x80;
+      forged[0] ^= 0x80;  // another identifier, then another question
       Reply(q, forged);
-      forged[0] = b[0];
-      forged[kHeaderSize + 2] = 'x';
+      forged[0] = b[0], forged[kHeaderSize + 2] = 'x';
       Reply(q, forged);
       sendto(forgeFd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr *>(&q.from), sizeof q.from);
     }

@@ -37,15 +37,8 @@ std::atomic<long> liveBlocks{0};
 
 }  // namespace
 
-void Arm(Hook hook, long n) {
-  armedHook = hook, failAt = n, calls = 0, fired = false, armed = true;
-}
-
-bool Disarm() {
-  armed = false;
-  return fired;
-}
-
+void Arm(Hook hook, long n) { armedHook = hook, failAt = n, calls = 0, fired = false, armed = true; }
+bool Disarm() { return armed = false, fired; }
 long LiveBlocks() { return liveBlocks.load(); }
 
 #ifdef RK_FAULTS_STATIC
@@ -82,14 +75,11 @@ __attribute__((constructor)) void resolve() {
 // A new block of `n` (zeroed when `zero`), or NULL when it is the one to fail.
 void *allocate(size_t n, bool zero = false) {
   if (resolving) {
-    arenaUsed += (n + 15) & ~size_t{15};
-    return arenaUsed <= sizeof arena ? arena + arenaUsed - ((n + 15) & ~size_t{15}) : nullptr;
+    const size_t at = arenaUsed;
+    return (arenaUsed += (n + 15) & ~size_t{15}) <= sizeof arena ? arena + at : nullptr;
   }
   resolve();
-  if (FailNow(Hook::kAlloc)) {
-    errno = ENOMEM;
-    return nullptr;
-  }
+  if (FailNow(Hook::kAlloc)) return errno = ENOMEM, nullptr;
   void *p = zero ? nextCalloc(n, 1) : nextMalloc(n);
   if (p) ++rk::test::liveBlocks;
   return p;
@@ -102,9 +92,7 @@ extern "C" {
 void *malloc(size_t n) { return allocate(n); }
 void *calloc(size_t n, size_t size) { return n && size > SIZE_MAX / n ? nullptr : allocate(n * size, true); }
 void free(void *p) {
-  if (!p || (p >= arena && p < arena + sizeof arena)) return;
-  --rk::test::liveBlocks;
-  nextFree(p);
+  if (p && (p < arena || p >= arena + sizeof arena)) --rk::test::liveBlocks, nextFree(p);
 }
 void *realloc(void *old, size_t n) {
   if (!old) return allocate(n);
@@ -146,11 +134,9 @@ void operator delete[](void *p, size_t) noexcept { free(p); }
 
 RK_SYSCALL(int, socket, EMFILE, (int d, int t, int p), (d, t, p))
 RK_SYSCALL(int, setsockopt, ENOBUFS, (int fd, int l, int o, const void *v, socklen_t n), (fd, l, o, v, n))
-RK_SYSCALL(ssize_t, sendto, ENOBUFS, (int fd, const void *b, size_t n, int f, const sockaddr *a, socklen_t l),
-           (fd, b, n, f, a, l))
+RK_SYSCALL(ssize_t, sendto, ENOBUFS, (int fd, const void *b, size_t n, int f, const sockaddr *a, socklen_t l), (fd, b, n, f, a, l))
 RK_SYSCALL(int, sendmmsg, ENOBUFS, (int fd, mmsghdr *m, unsigned n, int f), (fd, m, n, f))
-RK_SYSCALL(ssize_t, recvfrom, ENOMEM, (int fd, void *b, size_t n, int f, sockaddr *a, socklen_t *l),
-           (fd, b, n, f, a, l))
+RK_SYSCALL(ssize_t, recvfrom, ENOMEM, (int fd, void *b, size_t n, int f, sockaddr *a, socklen_t *l), (fd, b, n, f, a, l))
 RK_SYSCALL(int, recvmmsg, ENOMEM, (int fd, mmsghdr *m, unsigned n, int f, timespec *t), (fd, m, n, f, t))
 RK_SYSCALL(int, flock, ENOLCK, (int fd, int op), (fd, op))
 RK_SYSCALL(ssize_t, write, ENOSPC, (int fd, const void *b, size_t n), (fd, b, n))
@@ -163,13 +149,10 @@ RK_SYSCALL(ssize_t, getrandom, EAGAIN, (void *b, size_t n, unsigned f), (b, n, f
 extern "C" int open64(const char *path, int flags, ...) {
   static auto *real = reinterpret_cast<int (*)(const char *, int, ...)>(dlsym(RTLD_NEXT, "open64"));
   if (FailNow(Hook::kSyscall)) return errno = EMFILE, -1;
-  mode_t mode = 0;
-  if (__OPEN_NEEDS_MODE(flags)) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
-  }
+  va_list ap;
+  va_start(ap, flags);
+  const mode_t mode = __OPEN_NEEDS_MODE(flags) ? static_cast<mode_t>(va_arg(ap, int)) : 0;
+  va_end(ap);
   return real(path, flags, mode);
 }
 // The library's vfork child only execs or exits, which a forked one does

@@ -1,12 +1,9 @@
 #include "rk_test.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -36,18 +34,10 @@ LogLine ParseSyslog(const std::string &raw) {
   // Only the head goes through the pattern: libstdc++ matches recursively,
   // and a long message would use up the stack.
   static const std::regex head(R"(<(\d+)>.{15} ([^:\[]*)(?:\[\d+\])?: )");
-  LogLine line;
   std::smatch m;
-  if (!std::regex_search(raw, m, head, std::regex_constants::match_continuous)) {
-    line.text = raw;
-    return line;
-  }
+  if (!std::regex_search(raw, m, head, std::regex_constants::match_continuous)) return {-1, -1, "", raw};
   const int pri = std::stoi(m[1]);
-  line.severity = pri & 7;
-  line.facility = pri >> 3;
-  line.ident = m[2];
-  line.text = m.suffix();
-  return line;
+  return {pri & 7, pri >> 3, m[2], m.suffix()};
 }
 
 }  // namespace
@@ -82,14 +72,9 @@ std::string OwnPath() {
 }
 
 int OpenFdCount() {
-  int n = 0;
-  if (DIR *d = opendir("/proc/self/fd")) {
-    while (struct dirent *e = readdir(d))
-      if (e->d_name[0] != '.') n++;
-    closedir(d);
-    n--;  // the descriptor of the listing itself
-  }
-  return n;
+  std::error_code ignored;
+  const std::filesystem::directory_iterator fds("/proc/self/fd", ignored);
+  return std::max(0, static_cast<int>(std::distance(begin(fds), end(fds))) - 1);  // less the listing's own
 }
 
 TempDir::TempDir() {
@@ -105,70 +90,47 @@ TempDir::~TempDir() {
 std::vector<uint8_t> Hex(const std::string &text) {
   std::vector<uint8_t> out;
   std::istringstream words(text);
-  std::string word;
-  while (words >> word) {
-    if (word[0] == '\'') {
-      out.insert(out.end(), word.begin() + 1, word.end());
-      continue;
-    }
-    for (size_t i = 0; i + 1 < word.size(); i += 2)
+  for (std::string word; words >> word;) {
+    if (word[0] == '\'') out.insert(out.end(), word.begin() + 1, word.end());
+    for (size_t i = 0; word[0] != '\'' && i + 1 < word.size(); i += 2)
       out.push_back(static_cast<uint8_t>(std::stoul(word.substr(i, 2), nullptr, 16)));
   }
   return out;
 }
 
 std::string ToHex(const void *data, size_t len) {
-  static const char digits[] = "0123456789abcdef";
-  const auto *p = static_cast<const uint8_t *>(data);
   std::string out;
   for (size_t i = 0; i < len; i++) {
-    if (i) out += ' ';
-    out += digits[p[i] >> 4];
-    out += digits[p[i] & 15];
+    const uint8_t byte = static_cast<const uint8_t *>(data)[i];
+    out.append(i ? " " : "").append(1, "0123456789abcdef"[byte >> 4]).append(1, "0123456789abcdef"[byte & 15]);
   }
   return out;
 }
 
 std::string LogLine::Normalized() const {
-  static const char letters[] = "F??EWTID";  // by severity
   static const std::regex place(R"(\[(\w+):\d+\])");
-  const char letter = severity >= 0 && severity < 8 ? letters[severity] : '?';
-  std::smatch m;
-  if (!std::regex_search(text, m, place, std::regex_constants::match_continuous))
-    return std::string(1, letter) + " " + text;
-  return std::string(1, letter) + " [" + m[1].str() + ":N]" + m.suffix().str();
+  const char letter = severity >= 0 && severity < 8 ? "F??EWTID"[severity] : '?';
+  return std::string(1, letter) + " " +
+         std::regex_replace(text, place, "[$1:N]", std::regex_constants::format_first_only | std::regex_constants::match_continuous);
 }
 
 SyslogCapture::SyslogCapture() {
-  if (!InTestNamespace()) return;
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0) return;
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, kDevLog, sizeof addr.sun_path - 1);
+  sockaddr_un addr{AF_UNIX, "/dev/log"};
+  if (!InTestNamespace() || (fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) < 0) return;
   unlink(kDevLog);
-  if (bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-    close(fd);
-    return;
-  }
-  int big = 1 << 20;
-  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
-  fd_ = fd;
+  const int big = 1 << 20;
+  if (bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) close(fd_), fd_ = -1;
+  else setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
 }
 
 SyslogCapture::~SyslogCapture() {
-  if (fd_ < 0) return;
-  close(fd_);
-  unlink(kDevLog);
+  if (fd_ >= 0) close(fd_), unlink(kDevLog);
 }
 
 std::vector<LogLine> SyslogCapture::Take() {
   std::vector<LogLine> out;
-  if (fd_ < 0) return out;
-  char buf[65536];
-  for (;;) {
-    ssize_t n = recv(fd_, buf, sizeof buf, 0);
-    if (n < 0) break;
+  char buf[65536];  // none without a socket: recv fails
+  for (ssize_t n; (n = recv(fd_, buf, sizeof buf, 0)) >= 0;) {
     std::string raw(buf, static_cast<size_t>(n));
     while (!raw.empty() && (raw.back() == '\n' || raw.back() == '\0')) raw.pop_back();
     out.push_back(ParseSyslog(raw));
@@ -182,11 +144,7 @@ std::vector<std::string> SyslogCapture::TakeNormalized() {
   return out;
 }
 
-bool SilenceSyslog() {
-  if (!InTestNamespace()) return false;
-  unlink(kDevLog);
-  return access(kDevLog, F_OK) != 0;
-}
+bool SilenceSyslog() { return InTestNamespace() && (unlink(kDevLog), access(kDevLog, F_OK) != 0); }
 
 StderrCapture::StderrCapture(int fd) : fd_(fd) {
   fflush(nullptr);
@@ -198,9 +156,7 @@ StderrCapture::StderrCapture(int fd) : fd_(fd) {
 std::string StderrCapture::Stop() {
   if (saved_ < 0) return text_;
   fflush(nullptr);
-  dup2(saved_, fd_);
-  close(saved_);
-  saved_ = -1;
+  dup2(saved_, fd_), close(saved_), saved_ = -1;
   char buf[4096];
   ssize_t n;
   for (off_t off = 0; (n = pread(mem_, buf, sizeof buf, off)) > 0; off += n) text_.append(buf, n);
@@ -221,23 +177,18 @@ Dnsmasq::Dnsmasq(std::vector<std::string> args) {
 }
 
 Dnsmasq::~Dnsmasq() {
-  if (pid_ <= 0) return;
-  kill(pid_, SIGTERM);
-  waitpid(pid_, nullptr, 0);
+  if (pid_ > 0) kill(pid_, SIGTERM), waitpid(pid_, nullptr, 0);
 }
 
 pid_t StartChild(const std::function<int()> &body) {
   fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int code = body();
-    fflush(nullptr);
+  if (const pid_t pid = fork(); pid != 0) return pid;
+  const int code = body();
+  fflush(nullptr);
 #ifdef RK_GCOV_DUMP
-    __gcov_dump();
+  __gcov_dump();
 #endif
-    _exit(code);
-  }
-  return pid;
+  _exit(code);
 }
 
 int WaitChild(pid_t pid) {

@@ -124,9 +124,7 @@ class StderrCapture {
   std::string Stop();
 
  private:
-  int fd_;
-  int saved_ = -1;
-  int mem_ = -1;
+  int fd_, saved_ = -1, mem_ = -1;
   std::string text_;
 };
 

@@ -1,4 +1,4 @@
-// The limited conversions at each bound, just under and just over it,
+// The limited conversions at each bound and just over it,
 // against their plain twins, with the line each refusal logs. A row is a Lua
 // value: the functions out of Lua convert it, the others its lua_to_json, as
 // JSON or as the attributes json_to_blob writes of it. What the bomb costs
@@ -48,7 +48,7 @@ std::string run(lua_State *L, int f, const RkConvertLimits *limits, bool limited
   return s;
 }
 
-TEST(Limits, AtEachBoundJustUnderAndJustOver) {
+TEST(Limits, AtEachBoundAndJustOver) {
   // Limits all 0 go as NULL. `plain`: the value for the plain twin, when not
   // `value`. A value with keys in brackets is for the Lua side alone.
   const struct {
@@ -56,15 +56,12 @@ TEST(Limits, AtEachBoundJustUnderAndJustOver) {
     const char *value, *refusal, *plain;
   } rows[] = {
       {3, 0, 0, 0, "{a = {{1}}}", nullptr, nullptr},  // 3 levels, and 4 values with the outermost
-      {3, 0, 0, 0, "nest(2)", nullptr, nullptr},
       {3, 0, 0, 0, "nest(4)", "deeper than 3 levels", nullptr},
       {0, 4, 0, 0, "{a = {{1}}}", nullptr, nullptr},
-      {0, 4, 0, 0, "{a = {1}}", nullptr, nullptr},
       {0, 4, 0, 0, "{a = {1, 2, 3}}", "more than 4 values", nullptr},
       {0, 4, 0, 0, "{a = 1, b = 2, c = 3, d = 4}", "more than 4 values", nullptr},
       // An array of 2 keys reaches 2 * 2 + 16, of 1 key 1 * 1 + 16.
       {0, 0, 0, 0, "{1, [20] = 1}", nullptr, nullptr},
-      {0, 0, 0, 0, "{1, [19] = 1}", nullptr, nullptr},
       {0, 0, 0, 0, "{1, [21] = 1}", "sparse array, largest index 21, elements 2", nullptr},
       {0, 0, 1, 0, "{t = {[18] = 1}}", "sparse array, largest index 18, elements 1", nullptr},
       {0, 0, 1, RK_SPARSE_AS_OBJECT, "{t = {[18] = 1}}", nullptr, "{t = {['18'] = 1}}"},

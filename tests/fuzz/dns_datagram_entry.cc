@@ -122,17 +122,10 @@ FuzzState &state() {
 
 sockaddr_storage senderOf(unsigned way) {
   sockaddr_storage ss{};
-  if (way == 0 || way == 3) {
-    auto &s4 = reinterpret_cast<sockaddr_in &>(ss);
-    s4.sin_family = AF_INET;
-    s4.sin_port = htons(53);
-    s4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  } else if (way == 1) {
-    auto &s6 = reinterpret_cast<sockaddr_in6 &>(ss);
-    s6.sin6_family = AF_INET6;
-    s6.sin6_port = htons(53);
-    s6.sin6_addr = in6addr_loopback;
-  }
+  if (way == 0 || way == 3)
+    reinterpret_cast<sockaddr_in &>(ss) = {AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+  else if (way == 1)
+    reinterpret_cast<sockaddr_in6 &>(ss) = {AF_INET6, htons(53), 0, in6addr_loopback, 0};
   return ss;
 }
 

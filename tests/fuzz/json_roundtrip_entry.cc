@@ -15,19 +15,6 @@
 
 namespace {
 
-bool same(json_object *a, json_object *b);
-
-bool same_members(json_object *a, json_object *b) {
-  size_t present = 0;
-  json_object_object_foreach(a, key, value) {
-    if (!value) continue;
-    json_object *other;
-    if (!json_object_object_get_ex(b, key, &other) || !same(value, other)) return false;
-    present++;
-  }
-  return present == (size_t)json_object_object_length(b);
-}
-
 bool same(json_object *a, json_object *b) {
   json_type t = json_object_get_type(a);
   if (t != json_object_get_type(b)) return false;
@@ -39,7 +26,16 @@ bool same(json_object *a, json_object *b) {
       double x = json_object_get_double(a), y = json_object_get_double(b);
       return memcmp(&x, &y, sizeof x) == 0;
     }
-    case json_type_object: return same_members(a, b);
+    case json_type_object: {
+      size_t present = 0;  // a null member is not written
+      json_object_object_foreach(a, key, value) {
+        json_object *other;
+        if (!value) continue;
+        if (!json_object_object_get_ex(b, key, &other) || !same(value, other)) return false;
+        present++;
+      }
+      return present == (size_t)json_object_object_length(b);
+    }
     case json_type_array: {
       size_t j = 0, n = json_object_array_length(b);
       for (size_t i = 0; i < json_object_array_length(a); ++i) {

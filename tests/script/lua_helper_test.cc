@@ -20,19 +20,17 @@ using rk::test::WriteFile;
 using Strings = std::vector<std::string>;
 Strings requests;  // what the callbacks were handed, as JSON
 
+// Records what a callback was handed; "get" answers {"ok": true}, "f" {"f": 1}.
+int record(json_object *request) {
+  requests.push_back(request ? json_object_to_json_string(request) : "NULL");
+  return 0;
+}
 int get_cb(json_object *request, json_object *response) {
-  requests.push_back(request ? json_object_to_json_string(request) : "NULL");
   json_object_object_add(response, "ok", json_object_new_boolean(1));
-  return 0;
+  return record(request);
 }
-int none_cb(json_object *request, json_object *) {
-  requests.push_back(request ? json_object_to_json_string(request) : "NULL");
-  return 0;
-}
-int f_cb(json_object *, json_object *response) {
-  json_object_object_add(response, "f", json_object_new_int(1));
-  return 0;
-}
+int none_cb(json_object *request, json_object *) { return record(request); }
+int f_cb(json_object *, json_object *response) { return json_object_object_add(response, "f", json_object_new_int(1)); }
 
 const LuaHelperFunction kObj[] = {{"get", get_cb}, {"none", none_cb}, {nullptr, nullptr}};
 const LuaHelperFunction kAlt[] = {{"get", get_cb}, {"f", f_cb}, {nullptr, nullptr}};
@@ -185,8 +183,7 @@ TEST(LuaHelperCreate, LoadAndRunFailures) {
 // Many calls with arguments and responses: the stack stays empty and the
 // state does not grow (leaks are LeakSanitizer's to see).
 TEST_F(LuaHelperTest, ManyCallsStayBalanced) {
-  luaL_dostring(h_->state, "function echo(x) last = tostring(obj:get(x).ok) end");
-  lua_settop(h_->state, 0);
+  ASSERT_EQ(0, luaL_dostring(h_->state, "function echo(x) last = tostring(obj:get(x).ok) end"));
   json_object *arg = json_tokener_parse("{\"n\": [1, 2.5, \"s\", {\"k\": true}]}");
   int kb = 0;
   for (int i = 0; i < 10000; ++i) {

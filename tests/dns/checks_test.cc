@@ -58,9 +58,10 @@ class DnsChecks : public ::testing::Test {
     ctx_.reset(asyncDns_create(Record));
     answers.clear(), failures.clear();
     EXPECT_EQ(asyncDns_AddServer(ctx_.get(), "127.0.0.1"), 0);
-    if (checks != 0 || retryMs != 0)
+    if (checks != 0 || retryMs != 0) {
       EXPECT_EQ(asyncDns_setChecks(ctx_.get(), checks) | asyncDns_setRetry(ctx_.get(), retryMs, attempts) |
                     asyncDns_setFailureCallback(ctx_.get(), Failed), 0);
+    }
     return ctx_.get();
   }
   std::unique_ptr<DnsResponder> server_ = std::make_unique<DnsResponder>();

@@ -412,9 +412,7 @@ std::vector<Row> SyscallRows() {
 class FailAt : public ::testing::TestWithParam<Row> {};
 
 TEST_P(FailAt, EveryN) {
-  RK_SKIP_UNDER_EMULATION("a static program, whose C library the hooks cannot take the place of");
   RK_REQUIRE_NAMESPACE();
-  ASSERT_TRUE(HooksWork());
   const Row &row = GetParam();
 #ifdef RK_INSTALLED_LIBUCI
   // Out of memory, libuci (upstream) keeps half-made changes and leaks the

@@ -41,11 +41,6 @@ void Arm(Hook hook, long n) { armedHook = hook, failAt = n, calls = 0, fired = f
 bool Disarm() { return armed = false, fired; }
 long LiveBlocks() { return liveBlocks.load(); }
 
-#ifdef RK_FAULTS_STATIC
-bool HooksWork() { return false; }
-}  // namespace rk::test
-#else
-bool HooksWork() { return true; }
 }  // namespace rk::test
 
 namespace {
@@ -158,5 +153,3 @@ extern "C" int open64(const char *path, int flags, ...) {
 // The library's vfork child only execs or exits, which a forked one does
 // as well; a wrapper cannot return into a vfork child.
 extern "C" pid_t vfork() { return fork(); }
-
-#endif  // RK_FAULTS_STATIC

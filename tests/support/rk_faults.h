@@ -17,8 +17,5 @@ void Arm(Hook hook, long n);
 bool Disarm();
 // Blocks allocated and not yet freed, counted all the time.
 long LiveBlocks();
-// False where the definitions cannot take the place of the C library's (a
-// statically linked program): nothing is counted or failed there.
-bool HooksWork();
 
 }  // namespace rk::test

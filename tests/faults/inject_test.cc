@@ -14,6 +14,7 @@
 #include <routerkit/uci_access.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <syslog.h>
 
 #include <regex>

@@ -46,6 +46,7 @@ TEST(DelayRecord, LinesItDidNotWriteAreSkipped) {
   const struct { std::string file; const char *kept; } rows[] = {
       {"a 1\nb\nc 3\n", "a 1\nc 3\n"},
       {"0123456789abcdef 5\n0123456789abcde 7", "0123456789abcde 7\n"},  // 16 and 15 characters
+      {"0123456789abcde 4294967295\n", "0123456789abcde 4294967295\n"},  // the longest line
       {"x 1 2\ny -1\nz 4294967296\nv 12abc\n s 5\nt\t6\n\nw  8\nu 8\n", "u 8\n"},
       {std::string(5000, 'y') + " 9\nok 9\n", "ok 9\n"},
       {std::string("n\0l 5\ne 6\n", 10), "e 6\n"}, {"only garbage\n", ""}, {million + "m 1\n", "m 1\n"}};
@@ -91,6 +92,7 @@ TEST(BridgeAddr, ChoiceForThePeer) {
       {"br br-lan 192.168.10.1/24 192.168.20.1/24", 2, "10.0.0.5", "192.168.20.1"},
       {"br br-lan 192.168.20.1/24 192.168.10.1/24", 2, "10.0.0.5", "192.168.20.1"},
       {"br br-lan 192.168.10.1/24 192.168.10.2/24", 2, "10.0.0.5", "192.168.10.2"},
+      {"br br-lan 192.168.20.1/24 10.0.0.1/8", 2, "10.1.1.5", "10.0.0.1"},  // each mask its own
       {"down br-lan 192.168.20.1/24; br br-wan 192.168.20.2/24; br eth0 192.168.20.3/24;"
        "br br-lan1 192.168.10.1/24", 2, "192.168.20.7", "192.168.10.1"},
       {"br br-wan 192.168.20.1/24; down br-lan 192.168.10.1/24; br br-lan1", 2, "192.168.20.7", nullptr},

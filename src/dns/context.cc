@@ -99,10 +99,9 @@ constexpr unsigned kBatchSize = 16;  // datagrams per sendmmsg
 
 void sendBatch(int fd, struct mmsghdr *messages, unsigned n) noexcept {
   for (unsigned done = 0; done < n;) {
-    const unsigned before = done;
     const int sent = sendmmsg(fd, messages + done, n - done, 0);
     if (sent > 0) done += static_cast<unsigned>(sent);
-    if (done < n && (sent < 0 || static_cast<unsigned>(sent) < n - before)) ++done;  // it failed: the next
+    if (done < n) ++done;  // the one after those sent failed: on to the next
   }
 }
 

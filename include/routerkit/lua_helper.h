@@ -54,9 +54,10 @@ typedef struct LuaHelperFunction {
 } LuaHelperFunction;
 
 /*
- * Loads the script at `path` and runs its main chunk. NULL when memory runs
- * out (nothing logged), when the file cannot be loaded ("[...]error load
- * <path>") or when its main chunk raises an error ("[...]error call <path>").
+ * Loads the script at `path` and runs its main chunk. NULL when the record or
+ * the state cannot be made (nothing logged), when the file cannot be loaded
+ * ("[...]error load <path>", out of memory too) or when its main chunk raises
+ * an error ("[...]error call <path>", out of memory too).
  */
 RK_API LuaHelper *CreateLuaHelper(const char *path);
 

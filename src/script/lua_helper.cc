@@ -178,8 +178,6 @@ void callBody(lua_State *L, void *ud) {
     json_to_lua(L, job->arg);
   else
     lua_pushnil(L);
-  // An object always arrives as a value: nil is a conversion that ran out of memory.
-  if (job->arg && lua_isnil(L, -1)) return;
   job->called = true;
   lua_pcall(L, 1, 0, 0);  // a script error stays with the script
 }
@@ -237,10 +235,9 @@ LuaHelper *createHelper(const char *path) noexcept {
   Script job{path, -1};
   const int status = lua_cpcall(helper->state, runScript, &job);
   if (status == 0 && job.loaded == 0) return helper;
-  // Running out of memory is not the script's fault: nothing is logged.
-  const bool noMemory = status == LUA_ERRMEM || job.loaded == LUA_ERRMEM;
-  if (!noMemory && job.loaded != 0) RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
-  if (!noMemory && job.loaded == 0) RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
+  // A load that raised (out of memory) failed as one that returned an error.
+  if (job.loaded != 0) RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
+  if (job.loaded == 0) RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
   destroyHelper(helper);
   return nullptr;
 }

@@ -338,11 +338,11 @@ std::vector<Row> AllocRows() {
       {"json_to_lua", [] { Values v(false, false); Armed([&] { return json_to_lua(v.L, v.j), 0; }); return v.Top(0); },
        kValue + " top=1", {"NULL top=1"}},
       {"CreateLuaHelper", Made([] { return CreateLuaHelper("/tmp/hook.lua"); }, luaHelperDestroy), "made",
-       {"NULL", "NULL" + kLine + "CreateLuaHelper:N\\]error load /tmp/hook.lua"}},
+       {"NULL", "NULL" + kLine + "CreateLuaHelper:N\\]error (load|call) /tmp/hook.lua"}},
       {"luaHelperRegister", Script(false, [](auto h, auto) { return luaHelperRegister(h, "obj", kRows); }),
        "0  false userdata top=0", {"-1  false nil top=0", "0  false userdata top=0" + kLine + "luaHelperRegister:N\\]error strdup\\((get|set)\\)"}},
       {"luaHelperCall", Script(true, [](auto h, auto arg) { return luaHelperCall(h, "f", arg); }), "0 table true userdata top=0",
-       {"-1  false userdata top=0" + kLine + "luaHelperCall:N\\]Lua handler provides no f\\(\\) callback\\.", "0 table false userdata top=0"}},
+       {"0 table false userdata top=0", "0 nil (true|false) userdata top=0"}},
       // One-shot UCI access: readers, then writers with the option they write.
       {"uciGetOptionString", OneShot("hostname", GetCountry), "0 rk", {"-1 rk", "-1 rk" + kNoContext}},
       {"uciSetOptionString", OneShot("hostname", SetHostname), "0 office", {"-1 rk", "-1 rk" + kNoContext}},

@@ -34,9 +34,8 @@ extern "C" {
  * Writes the new record, then the first five records the file held (so the
  * file has up to six lines, and a sixth one is dropped by the next write).
  * The label is written as given; one outside the limit above is skipped when
- * read back. 0; -1 when the file cannot be opened for writing, or exists
- * and cannot be read (out of memory: its records would be lost), the file
- * then being as it was. `label` must not be NULL.
+ * read back. 0; -1 when the file cannot be opened for writing, the file then
+ * being as it was. `label` must not be NULL.
  */
 RK_API int setInternetDelay(const char *label, uint32_t delay);
 /*

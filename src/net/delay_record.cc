@@ -3,7 +3,6 @@
 #include <routerkit/network_helper.h>
 
 #include <ctype.h>
-#include <errno.h>
 #include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
@@ -47,11 +46,10 @@ bool parseRecord(const char *line, size_t len, InternetDelayRecord &record) noex
 }
 
 // The first records of the file, newest first, and their number: none when
-// there is no file, -1 when it cannot be opened for another reason (no
-// memory). A line too long for a record is passed over whole.
+// the file cannot be opened. A line too long for a record is passed over whole.
 int loadInternetDelays(InternetDelayRecord (&records)[kMaxRecords]) noexcept {
   FilePtr file(fopen(kStatePath, "r"));
-  if (!file) return errno == ENOENT ? 0 : -1;
+  if (!file) return 0;
   int count = 0;
   char line[kMaxLine];
   size_t len = 0;
@@ -76,9 +74,7 @@ int loadInternetDelays(InternetDelayRecord (&records)[kMaxRecords]) noexcept {
 // The new record first, then the old ones; -1 when the file can't be written.
 int storeDelay(const char *label, uint32_t delay) noexcept {
   InternetDelayRecord old[kMaxRecords];
-  // Records that cannot be read would be lost by the rewrite.
   const int count = loadInternetDelays(old);
-  if (count < 0) return -1;
   FilePtr file(fopen(kStatePath, "w"));
   if (!file) return -1;
   fprintf(file.get(), "%s %" PRIu32 "\n", label, delay);
@@ -90,7 +86,7 @@ int storeDelay(const char *label, uint32_t delay) noexcept {
 int averageDelay(uint32_t *delay) noexcept {
   InternetDelayRecord records[kMaxRecords];
   const int count = loadInternetDelays(records);
-  if (count <= 0) return -1;
+  if (count == 0) return -1;
   uint32_t total = 0;  // wraps at 32 bits
   for (int i = 0; i < count; ++i) total += records[i].delay;
   *delay = total / static_cast<uint32_t>(count);

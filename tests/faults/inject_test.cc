@@ -309,7 +309,7 @@ std::vector<Row> AllocRows() {
       {"asyncPing_create", Made([] { return asyncPing_create(nullptr); }, asyncPing_destroy), "made", {"NULL"}},
       {"asyncPing_createUnprivileged", Made([] { return asyncPing_createUnprivileged(nullptr); }, asyncPing_destroy),
        "made", {"NULL"}},
-      {"setInternetDelay", Delay([](auto) { return setInternetDelay("new", 1); }), "0 0 new 1\nold 5\n", {"-1 0 old 5\n"}},
+      {"setInternetDelay", Delay([](auto) { return setInternetDelay("new", 1); }), "0 0 new 1\nold 5\n", {"-1 0 old 5\n", "0 0 new 1\n"}},
       {"getInternetDelay", Delay(getInternetDelay), "0 5 old 5\n", {"-1 0 old 5\n"}},
       {"clearInternetDelay", Delay([](auto) { return clearInternetDelay(); }), "0 0 ", {"0 0 old 5\n"}},
       {"log_info", InChild([] { return FirstMessage([] { log_info("x"); }); }, "next", "lost"), "next | I x", {}, Hook::kAlloc,

@@ -90,6 +90,14 @@ TEST_F(DnsE2e, QueriesGoToEveryServerOfBothListsInOrder) {
   }
   EXPECT_EQ(got, want);
   EXPECT_TRUE(answers.empty());  // nothing waits for an answer
+  // A pointer query goes to the same six servers, once each.
+  sockaddr_in addr{};
+  addr.sin_addr.s_addr = htonl(0x01020304);
+  ASSERT_EQ(asyncLookupPtr(c(), &addr), 0);
+  const Packet ptr = Header(ntohs(c()->id), 1, 0, 0x0100).raw(Labels("4.3.2.1.in-addr.arpa")).u16(12).u16(1);
+  Strings sent;
+  for (const DnsQuery &q : server_->Take(7)) sent.push_back(ToHex(q.bytes));
+  EXPECT_EQ(sent, Strings(6, ToHex(ptr.b)));
 }
 
 TEST_F(DnsE2e, ServersAreAddedOnceAndLogged) {

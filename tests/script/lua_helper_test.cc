@@ -120,6 +120,8 @@ TEST_F(LuaHelperTest, ScriptsCallObjects) {
   EXPECT_EQ("{f=1}", probe("obj:f()"));
   EXPECT_EQ(noName, probe("obj:none()"));
   EXPECT_EQ(-1, luaHelperRegister(h_, "obj", nullptr));
+  EXPECT_EQ(-1, luaHelperRegister(h_, nullptr, kAlt));
+  EXPECT_EQ(-1, luaHelperRegister(nullptr, "obj", kAlt));
 }
 
 TEST_F(LuaHelperTest, DaemonCallsScriptByPath) {

@@ -135,14 +135,14 @@ TEST_F(DnsChecks, RandomIdentifiersAreSpreadAndOfTheirOwn) {
 
 TEST_F(DnsChecks, EveryFailureReasonOnceFromCraftedResponses) {
   // A response code for the A and for the AAAA query, -1 for no answer
-  // (two sendings of 40 ms each, then a timeout).
+  // (two sendings of 200 ms each, then a timeout).
   const struct { int a, aaaa, reason; } rows[] = {
       {2, 2, ASYNC_DNS_SERVFAIL},  {5, 5, ASYNC_DNS_REFUSED},   {3, 3, ASYNC_DNS_NXDOMAIN}, {0, 0, ASYNC_DNS_NODATA},
       {-1, -1, ASYNC_DNS_TIMEOUT}, {3, -1, ASYNC_DNS_NXDOMAIN}, {-1, 2, ASYNC_DNS_SERVFAIL}, {0, 4, ASYNC_DNS_NODATA},
       {1, 4, ASYNC_DNS_SERVFAIL}};
   for (const auto &row : rows) {
     SCOPED_TRACE(std::to_string(row.a) + "/" + std::to_string(row.aaaa));
-    ASSERT_EQ(asyncLookup(Open(kAll, 40, 2), kQ), 0);
+    ASSERT_EQ(asyncLookup(Open(kAll, 200, 2), kQ), 0);
     for (const DnsQuery &q : server_->Take(2)) {
       const int code = q.type() == 1 ? row.a : row.aaaa;
       // An error response's records are not delivered.

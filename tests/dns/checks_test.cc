@@ -24,9 +24,11 @@ Strings answers, failures;
 int Record(AsyncDnsContext *, const char *name, DnsResult *result) { return answers.push_back(Show(name, result)), 0; }
 void Failed(AsyncDnsContext *, const char *n, int reason) { failures.push_back(n + (" " + std::to_string(reason))); }
 
-// Runs the loop for `ms`, or until `list` holds `n` entries.
+// Runs the loop for `ms`, or until `list` holds `n` entries; at least once,
+// however late a busy machine lets it start.
 void Pump(int ms, const Strings *list = nullptr, size_t n = 0) {
-  for (uint64_t end = GetTickCount() + ms; GetTickCount() < end && !(list && list->size() >= n);) uloop_run_timeout(5);
+  const uint64_t end = GetTickCount() + ms;
+  do uloop_run_timeout(5); while (GetTickCount() < end && !(list && list->size() >= n));
 }
 
 // A UDP datagram from port 53 of any source to 127.0.0.1, through a raw

@@ -236,8 +236,10 @@ LuaHelper *createHelper(const char *path) noexcept {
   const int status = lua_cpcall(helper->state, runScript, &job);
   if (status == 0 && job.loaded == 0) return helper;
   // A load that raised (out of memory) failed as one that returned an error.
-  if (job.loaded != 0) RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
-  if (job.loaded == 0) RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
+  if (job.loaded != 0)
+    RK_LOG_AS(error, "CreateLuaHelper", "error load %s", path);
+  else
+    RK_LOG_AS(error, "CreateLuaHelper", "error call %s", path);
   destroyHelper(helper);
   return nullptr;
 }
